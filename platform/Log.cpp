@@ -1,0 +1,69 @@
+#include "platform/LogSink.h"
+#include "platform/LogStream.h"
+
+#include <syslog.h>
+
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+std::recursive_mutex &sinkMutex() {
+    static std::recursive_mutex mutex;
+    return mutex;
+}
+
+LogSink::Callback sinkCallback = nullptr;
+void *sinkContext = nullptr;
+
+// ERROR! and WARNING! stand right after the layer prefix ("Layer: ").
+int priorityOf(std::string const &text) {
+    size_t colon = text.find(": ");
+    if (colon == std::string::npos) {
+        return LOG_INFO;
+    }
+    char const *rest = text.c_str() + colon + 2;
+    if (std::strncmp(rest, "ERROR! ", 7) == 0) {
+        return LOG_ERR;
+    }
+    if (std::strncmp(rest, "WARNING! ", 9) == 0) {
+        return LOG_WARNING;
+    }
+    return LOG_INFO;
+}
+
+void toSyslog(std::string const &text) {
+    static bool opened = false;
+    if (!opened) {
+        openlog("libqxss", LOG_PID, LOG_AUTHPRIV);
+        opened = true;
+    }
+    size_t length = text.size();
+    if (length > 0 && text[length - 1] == '\n') {
+        --length;
+    }
+    syslog(LOG_AUTHPRIV | priorityOf(text), "%.*s", static_cast<int>(length), text.c_str());
+}
+
+}  // namespace
+
+void LogSink::setCallback(Callback callback, void *context) {
+    std::lock_guard<std::recursive_mutex> lock(sinkMutex());
+    sinkCallback = callback;
+    sinkContext = context;
+}
+
+void LogSink::emit(std::string const &text) {
+    std::lock_guard<std::recursive_mutex> lock(sinkMutex());
+    if (sinkCallback != nullptr) {
+        sinkCallback(text.c_str(), sinkContext);
+    } else {
+        toSyslog(text);
+    }
+}
+
+LogStream::~LogStream() {
+    if (!moved) {
+        LogSink::emit(text);
+    }
+}

@@ -1,0 +1,16 @@
+#include "platform/PlatformFakes.h"
+
+std::function<int(char *, int)> &PlatformFakes::random() {
+    static std::function<int(char *, int)> hook;
+    return hook;
+}
+
+std::function<int(char const *)> &PlatformFakes::fileExists() {
+    static std::function<int(char const *)> hook;
+    return hook;
+}
+
+void PlatformFakes::reset() {
+    random() = nullptr;
+    fileExists() = nullptr;
+}

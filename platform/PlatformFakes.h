@@ -1,0 +1,19 @@
+#pragma once
+
+#include <functional>
+
+// Test-only seams at the platform boundary. Production code never sets them; when a hook is
+// empty the real system answers. Set them before the code under test runs and clear them after.
+class PlatformFakes {
+public:
+    // Replaces the kernel's random source: fill `buffer` with `length` bytes, return 1 on
+    // success (any other value is a failure).
+    static std::function<int(char *buffer, int length)> &random();
+
+    // Answers file-existence questions for FileIsEntity and FileAccess: return 1 (exists),
+    // 0 (does not exist), -1 (no access), or any other value to let the system answer.
+    static std::function<int(char const *path)> &fileExists();
+
+    // Clears every hook.
+    static void reset();
+};

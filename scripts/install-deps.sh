@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs what building and testing libqxss needs on Debian 12, when it is missing.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(cmake g++ make pkg-config binutils libcurl4-openssl-dev libjsoncpp-dev libssl-dev
+          libgtest-dev libgmock-dev)
+missing=()
+for package in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+        missing+=("$package")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    echo "install-deps: installing ${missing[*]}"
+    sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo="sudo"
+    $sudo apt-get update
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
+fi
+
+# The local identity provider, failure server and proxy that the tests start.
+if [ -x scripts/install-test-deps.sh ]; then
+    scripts/install-test-deps.sh
+fi

@@ -1,0 +1,70 @@
+#include "tests/harness/LogCapture.h"
+
+#include "worker/libqxss.h"
+
+LogCapture::LogCapture() { SsoSetLogCallback(&LogCapture::collect, this); }
+
+LogCapture::~LogCapture() { SsoSetLogCallback(nullptr, nullptr); }
+
+void LogCapture::collect(char const *text, void *context) {
+    auto *self = static_cast<LogCapture *>(context);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->lines_.emplace_back(text);
+}
+
+std::vector<std::string> LogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+}
+
+std::string LogCapture::text() const {
+    std::string all;
+    for (auto const &line : lines()) {
+        all += line;
+    }
+    return all;
+}
+
+bool LogCapture::has(std::string const &line) const { return count(line) != 0; }
+
+size_t LogCapture::count(std::string const &line) const {
+    size_t found = 0;
+    for (auto const &each : lines()) {
+        found += each == line ? 1 : 0;
+    }
+    return found;
+}
+
+bool LogCapture::hasInOrder(std::vector<std::string> const &sequence) const {
+    size_t next = 0;
+    for (auto const &each : lines()) {
+        if (next < sequence.size() && each == sequence[next]) {
+            ++next;
+        }
+    }
+    return next == sequence.size();
+}
+
+long LogCapture::indexOf(std::string const &line, size_t from) const {
+    auto all = lines();
+    for (size_t i = from; i < all.size(); ++i) {
+        if (all[i] == line) {
+            return static_cast<long>(i);
+        }
+    }
+    return -1;
+}
+
+bool LogCapture::contains(std::string const &piece) const {
+    for (auto const &each : lines()) {
+        if (each.find(piece) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+}

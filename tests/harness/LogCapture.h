@@ -1,0 +1,36 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+// Collects every log statement while it lives (through the host log callback), so that tests
+// can assert exact texts. One capture at a time.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(LogCapture const &) = delete;
+    LogCapture &operator=(LogCapture const &) = delete;
+
+    // Copy of the statements so far, in order.
+    std::vector<std::string> lines() const;
+    // All statements concatenated.
+    std::string text() const;
+    // True when a statement equals `line` exactly.
+    bool has(std::string const &line) const;
+    // Number of statements equal to `line`.
+    size_t count(std::string const &line) const;
+    // True when the statements `sequence` appear in this order (not necessarily adjacent).
+    bool hasInOrder(std::vector<std::string> const &sequence) const;
+    // Index of the first statement equal to `line` at or after `from`, or -1.
+    long indexOf(std::string const &line, size_t from = 0) const;
+    // True when some statement contains `piece`.
+    bool contains(std::string const &piece) const;
+    void clear();
+
+private:
+    static void collect(char const *text, void *context);
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
