@@ -20,6 +20,39 @@
 extern "C" {
 #endif
 
+/* Starts the worker thread on `fd`, a descriptor the host keeps owning (the library never closes
+ * it). Returns 0 on success, -1 on failure (also while a worker exists, until SsoDestroy). Host's
+ * thread; not concurrently with SsoDestroy. */
+QXSS_EXPORT int SsoInitialize(int fd);
+
+/* Stops the worker, waits for it, and tears everything down. Safe without a worker (it only
+ * logs a warning). Host's thread. */
+QXSS_EXPORT void SsoDestroy(void);
+
+/* One housekeeping tick; the worker calls it once per turn. */
+QXSS_EXPORT void TimedOperations(void);
+
+/* The worker thread's body (argument: the library's worker record). Always returns null. */
+QXSS_EXPORT void *loop(void *info);
+
+/* Worker turns counted by TimedOperations. */
+extern QXSS_EXPORT int32_t ticks;
+
+/* The provider list as percent-encoded "id=.. name=.. desc=.. type=.. provider=.." items joined
+ * by "|", or null (on a node, or before a configuration was loaded). Free with SsoFreeString. */
+QXSS_EXPORT char *SsoGetUserLoginOptions(void);
+
+/* A new 32-character user session, or null. Free with SsoFreeString. */
+QXSS_EXPORT char *SsoGetUserSession(void);
+
+/* The provider's authorization URL for percent-encoded login data
+ * "OAuth|<client JSON>|<state>|<nonce>|<code challenge>", or null. Free with SsoFreeString. */
+QXSS_EXPORT char *SsoLoginUrl(char const *data);
+
+/* The same URL handed to `callback` (valid during the call only). 0 if the callback was called,
+ * -1 otherwise. */
+QXSS_EXPORT int SsoLogin(char const *data, void (*callback)(char const *));
+
 /* Frees a string that the library returned. Null is ignored. Any thread. */
 QXSS_EXPORT void SsoFreeString(char *text);
 
