@@ -39,7 +39,9 @@ bool Io::closedByUs(int fd) {
     return closedNumbers().count(fd) != 0;
 }
 
-void Io::adopt(int fd) { forget(fd); }
+void Io::adopt(int fd) {
+    forget(fd);
+}
 
 int Io::pipe(int fds[2], int flags, int size) {
     if (fds == nullptr) {

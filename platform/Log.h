@@ -4,4 +4,6 @@
 
 // Starts a log statement: Log() << "Layer: text" << value << ".\n";
 // The statement is emitted whole when the returned stream goes out of scope.
-inline LogStream Log() { return LogStream(); }
+inline LogStream Log() {
+    return LogStream();
+}

@@ -29,9 +29,9 @@ public:
         text += piece;
         return *this;
     }
-    template <typename Number,
-              typename = std::enable_if_t<std::is_arithmetic_v<Number> && !std::is_same_v<Number, char> &&
-                                          !std::is_same_v<Number, bool>>>
+    template <typename Number, typename = std::enable_if_t<std::is_arithmetic_v<Number> &&
+                                                           !std::is_same_v<Number, char> &&
+                                                           !std::is_same_v<Number, bool>>>
     LogStream &operator<<(Number number) {
         text += std::to_string(number);
         return *this;

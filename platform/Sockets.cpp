@@ -34,12 +34,19 @@ int SocketValidateIp(char const *text) {
         return 0;
     }
     unsigned char buffer[sizeof(in6_addr)];
-    return (::inet_pton(AF_INET, text, buffer) == 1 || ::inet_pton(AF_INET6, text, buffer) == 1) ? 1
-                                                                                                  : 0;
+    return (::inet_pton(AF_INET, text, buffer) == 1 || ::inet_pton(AF_INET6, text, buffer) == 1)
+               ? 1
+               : 0;
 }
 
-int SocketValidatePort(int port) { return (port >= 1 && port <= 65535) ? 1 : 0; }
+int SocketValidatePort(int port) {
+    return (port >= 1 && port <= 65535) ? 1 : 0;
+}
 
-int SocketLookupAddress4(sockaddr_storage *out, char const *host) { return lookup(out, host, AF_INET); }
+int SocketLookupAddress4(sockaddr_storage *out, char const *host) {
+    return lookup(out, host, AF_INET);
+}
 
-int SocketLookupAddress6(sockaddr_storage *out, char const *host) { return lookup(out, host, AF_INET6); }
+int SocketLookupAddress6(sockaddr_storage *out, char const *host) {
+    return lookup(out, host, AF_INET6);
+}

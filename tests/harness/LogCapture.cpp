@@ -2,9 +2,13 @@
 
 #include "worker/libqxss.h"
 
-LogCapture::LogCapture() { SsoSetLogCallback(&LogCapture::collect, this); }
+LogCapture::LogCapture() {
+    SsoSetLogCallback(&LogCapture::collect, this);
+}
 
-LogCapture::~LogCapture() { SsoSetLogCallback(nullptr, nullptr); }
+LogCapture::~LogCapture() {
+    SsoSetLogCallback(nullptr, nullptr);
+}
 
 void LogCapture::collect(char const *text, void *context) {
     auto *self = static_cast<LogCapture *>(context);
@@ -25,7 +29,9 @@ std::string LogCapture::text() const {
     return all;
 }
 
-bool LogCapture::has(std::string const &line) const { return count(line) != 0; }
+bool LogCapture::has(std::string const &line) const {
+    return count(line) != 0;
+}
 
 size_t LogCapture::count(std::string const &line) const {
     size_t found = 0;
