@@ -1,7 +1,9 @@
 #include "platform/LogSink.h"
 #include "worker/libqxss.h"
 
-void SsoFreeString(char *text) { delete[] text; }
+void SsoFreeString(char *text) {
+    delete[] text;
+}
 
 void SsoSetLogCallback(void (*callback)(char const *text, void *context), void *context) {
     LogSink::setCallback(callback, context);

@@ -2,6 +2,9 @@
 
 #include "worker/libqxss.h"
 
+#include <chrono>
+#include <thread>
+
 LogCapture::LogCapture() {
     SsoSetLogCallback(&LogCapture::collect, this);
 }
@@ -12,8 +15,13 @@ LogCapture::~LogCapture() {
 
 void LogCapture::collect(char const *text, void *context) {
     auto *self = static_cast<LogCapture *>(context);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.emplace_back(text);
+    {
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        self->lines_.emplace_back(text);
+    }
+    if (self->onLine) {
+        self->onLine(text);
+    }
 }
 
 std::vector<std::string> LogCapture::lines() const {
@@ -73,4 +81,26 @@ bool LogCapture::contains(std::string const &piece) const {
 void LogCapture::clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.clear();
+}
+
+bool LogCapture::waitFor(std::string const &line, size_t times, int ms) const {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (count(line) < times) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+bool LogCapture::waitForPiece(std::string const &piece, int ms) const {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!contains(piece)) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
 }

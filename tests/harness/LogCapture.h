@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -28,6 +29,13 @@ public:
     // True when some statement contains `piece`.
     bool contains(std::string const &piece) const;
     void clear();
+    // Waits up to `ms` milliseconds until at least `times` statements equal `line`.
+    bool waitFor(std::string const &line, size_t times = 1, int ms = 5000) const;
+    // Waits up to `ms` milliseconds until some statement contains `piece`.
+    bool waitForPiece(std::string const &piece, int ms = 5000) const;
+
+    // Called with each statement, on the logging thread, after it was stored; may block.
+    std::function<void(std::string const &)> onLine;
 
 private:
     static void collect(char const *text, void *context);

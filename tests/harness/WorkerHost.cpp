@@ -1,0 +1,104 @@
+#include "tests/harness/WorkerHost.h"
+
+#include "worker/libqxss.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+
+WorkerHost::WorkerHost() {
+    int fds[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0) {
+        hostFd = fds[0];
+        libraryFd = fds[1];
+    }
+}
+
+WorkerHost::~WorkerHost() {
+    stop();
+    closeHostEnd();
+    if (libraryFd >= 0) {
+        ::close(libraryFd);
+    }
+}
+
+int WorkerHost::start() {
+    int result = SsoInitialize(libraryFd);
+    started = started || result == 0;
+    return result;
+}
+
+void WorkerHost::stop() {
+    if (started) {
+        SsoDestroy();
+        started = false;
+    }
+}
+
+void WorkerHost::send(std::string const &text) const {
+    if (hostFd >= 0) {
+        ssize_t ignored = ::send(hostFd, text.data(), text.size(), MSG_NOSIGNAL);
+        (void)ignored;
+    }
+}
+
+std::string WorkerHost::readLine(int ms) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (;;) {
+        size_t newline = pending_.find('\n');
+        if (newline != std::string::npos) {
+            std::string line = pending_.substr(0, newline + 1);
+            pending_.erase(0, newline + 1);
+            return line;
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        if (left <= 0 || hostFd < 0) {
+            return std::string();
+        }
+        struct pollfd polled = {hostFd, POLLIN, 0};
+        if (::poll(&polled, 1, static_cast<int>(left)) <= 0) {
+            continue;
+        }
+        char buffer[8192];
+        ssize_t got = ::read(hostFd, buffer, sizeof buffer);
+        if (got <= 0) {
+            return std::string();
+        }
+        pending_.append(buffer, static_cast<size_t>(got));
+    }
+}
+
+std::string WorkerHost::readFor(int ms) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    std::string all;
+    all.swap(pending_);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        if (left <= 0 || hostFd < 0) {
+            return all;
+        }
+        struct pollfd polled = {hostFd, POLLIN, 0};
+        if (::poll(&polled, 1, static_cast<int>(left)) <= 0) {
+            continue;
+        }
+        char buffer[8192];
+        ssize_t got = ::read(hostFd, buffer, sizeof buffer);
+        if (got <= 0) {
+            return all;
+        }
+        all.append(buffer, static_cast<size_t>(got));
+    }
+}
+
+void WorkerHost::closeHostEnd() {
+    if (hostFd >= 0) {
+        ::close(hostFd);
+        hostFd = -1;
+    }
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+
+// A host as tests need one: a socketpair whose library end is handed to SsoInitialize. The
+// destructor stops the worker (SsoDestroy) if the test did not, and closes both ends.
+class WorkerHost {
+public:
+    WorkerHost();
+    ~WorkerHost();
+    WorkerHost(WorkerHost const &) = delete;
+    WorkerHost &operator=(WorkerHost const &) = delete;
+
+    // SsoInitialize on the library's end; its result.
+    int start();
+    // SsoDestroy, once.
+    void stop();
+    // Writes `text` as one write on the host's end.
+    void send(std::string const &text) const;
+    // Reads one reply line (up to and including "\n"), waiting up to `ms`; empty on time-out.
+    std::string readLine(int ms = 5000);
+    // Everything that arrives within `ms` (for "no reply" checks).
+    std::string readFor(int ms);
+    // Closes the host's end (end of file for the worker).
+    void closeHostEnd();
+
+    int hostFd = -1;
+    int libraryFd = -1;
+    bool started = false;
+
+private:
+    std::string pending_;
+};

@@ -1,0 +1,211 @@
+// Starting and stopping the worker, and its ends other than the stop message.
+#include "tests/harness/LogCapture.h"
+#include "tests/harness/WorkerHost.h"
+#include "worker/libqxss.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+namespace {
+
+// "Sso: Internal pipe read FD#<r> write FD#<w>.\n" -> {r, w}
+std::pair<int, int> pipeNumbers(LogCapture const &log) {
+    for (auto const &line : log.lines()) {
+        int r = -1, w = -1;
+        if (sscanf(line.c_str(), "Sso: Internal pipe read FD#%d write FD#%d", &r, &w) == 2) {
+            return {r, w};
+        }
+    }
+    return {-1, -1};
+}
+
+TEST(LifecycleTest, StartLogsTheWholeRoad) {
+    LogCapture log;
+    WorkerHost host;
+    ASSERT_EQ(host.start(), 0);
+    auto fds = pipeNumbers(log);
+    std::string fd = std::to_string(host.libraryFd);
+    EXPECT_TRUE(log.hasInOrder({
+        "Sso: Initialization received FD#" + fd + ".\n",
+        "Sso: Creating internal pipe.\n",
+        "Sso: Internal pipe read FD#" + std::to_string(fds.first) + " write FD#" +
+            std::to_string(fds.second) + ".\n",
+        "Sso: Initializing sso environment.\n",
+        "Sso: Creating worker thread.\n",
+    }));
+    EXPECT_TRUE(log.waitForPiece(" started job with I/O FD: " + fd + " internal FD#" +
+                                 std::to_string(fds.first) + " and FD#" +
+                                 std::to_string(fds.second) + ".\n"));
+    EXPECT_TRUE(log.contains(" created with I/O FD#" + fd + " internal FD#"));
+}
+
+TEST(LifecycleTest, SecondInitializeIsRefusedAndTheFirstWorkerRuns) {
+    LogCapture log;
+    WorkerHost first;
+    WorkerHost second;
+    ASSERT_EQ(first.start(), 0);
+    log.clear();
+    EXPECT_EQ(second.start(), -1);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"Sso: Initialization received FD#" +
+                                                         std::to_string(second.libraryFd) + ".\n",
+                                                     "Sso: ERROR! Worker thread was created.\n"}));
+    first.send("A|1|2\n");
+    EXPECT_TRUE(log.waitFor("Sso: Command 'A' is incorrect.\n"));
+}
+
+TEST(LifecycleTest, DestroyWithoutWorkerOnlyWarns) {
+    LogCapture log;
+    SsoDestroy();
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"Sso: WARNING! Worker thread was not created.\n"}));
+}
+
+TEST(LifecycleTest, DestroyStopsJoinsAndClosesInOrder) {
+    LogCapture log;
+    WorkerHost host;
+    ASSERT_EQ(host.start(), 0);
+    auto fds = pipeNumbers(log);
+    host.stop();
+    auto lines = log.lines();
+    std::string id;
+    for (auto const &line : lines) {
+        if (line.rfind("Sso: Worker thread ID is ", 0) == 0) {
+            id = line.substr(25, line.size() - 27);
+        }
+    }
+    ASSERT_FALSE(id.empty());
+    EXPECT_TRUE(log.hasInOrder({
+        "Sso: Worker thread ID is " + id + ".\n",
+        "Sso: Writing 4 bytes on FD#" + std::to_string(fds.second) + " to stop thread.\n",
+        "Sso: Waiting for thread  " + id + " to end.\n",
+        "Sso: Worker thread " + id + " received event from waiter.\n",
+        "Sso: Worker thread " + id + " received exit message.\n",
+        "Sso: Closing thread  " + id + " FD#" + std::to_string(fds.first) + ".\n",
+        "Sso: Closing thread  " + id + " FD#" + std::to_string(fds.second) + ".\n",
+        "Sso: Destroying sso environment.\n",
+    }));
+    EXPECT_EQ(fcntl(fds.first, F_GETFD), -1);
+    EXPECT_EQ(fcntl(fds.second, F_GETFD), -1);
+    // The host's descriptor is never closed by the library.
+    EXPECT_NE(fcntl(host.libraryFd, F_GETFD), -1);
+}
+
+TEST(LifecycleTest, EndOfFileEndsTheWorkerAndInitializeRefusesUntilDestroy) {
+    LogCapture log;
+    WorkerHost host;
+    ASSERT_EQ(host.start(), 0);
+    host.closeHostEnd();
+    ASSERT_TRUE(log.waitForPiece(" reaches EOF.\n"));
+    EXPECT_TRUE(log.contains(" readed 0 bytes from FD#" + std::to_string(host.libraryFd) + ".\n"));
+    EXPECT_TRUE(log.contains("Sso: WARNING! Worker thread "));
+    WorkerHost other;
+    EXPECT_EQ(other.start(), -1);
+    EXPECT_TRUE(log.has("Sso: ERROR! Worker thread was created.\n"));
+    host.stop();
+    EXPECT_EQ(other.start(), 0);
+}
+
+TEST(LifecycleTest, ReadFailureClosesThePipeAndDestroyLeavesReusedNumbersAlone) {
+    LogCapture log;
+    // Reading a directory fails with EISDIR, while poll reports it readable.
+    int directory = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(directory, 0);
+    ASSERT_EQ(SsoInitialize(directory), 0);
+    auto fds = pipeNumbers(log);
+    ASSERT_TRUE(log.waitForPiece(" got internal error. Closing FD: " + std::to_string(fds.first) +
+                                 " and FD#" + std::to_string(fds.second) + ".\n"));
+    EXPECT_TRUE(log.contains(" readed -1 bytes from FD#" + std::to_string(directory) + ".\n"));
+    // Wait for the worker to have closed both ends, then let the numbers be reused.
+    for (int i = 0; i < 1000 && fcntl(fds.second, F_GETFD) != -1; ++i) {
+        usleep(1000);
+    }
+    int reused[2];
+    ASSERT_EQ(pipe2(reused, O_CLOEXEC), 0);
+    EXPECT_TRUE((reused[0] == fds.first && reused[1] == fds.second) ||
+                (reused[0] == fds.second && reused[1] == fds.first));
+    SsoDestroy();
+    EXPECT_TRUE(log.has("Sso: Destroying sso environment.\n"));
+    // Nothing was written to, or closed on, the reused numbers.
+    EXPECT_NE(fcntl(reused[0], F_GETFD), -1);
+    EXPECT_NE(fcntl(reused[1], F_GETFD), -1);
+    fcntl(reused[0], F_SETFL, O_NONBLOCK);
+    char byte;
+    EXPECT_EQ(read(reused[0], &byte, 1), -1);
+    close(reused[0]);
+    close(reused[1]);
+    close(directory);
+    // And the library starts again afterwards.
+    WorkerHost host;
+    EXPECT_EQ(host.start(), 0);
+}
+
+TEST(LifecycleTest, InitDestroyInitDestroy) {
+    LogCapture log;
+    for (int round = 0; round < 3; ++round) {
+        WorkerHost host;
+        ASSERT_EQ(host.start(), 0);
+        host.send("A|1|2\n");
+        EXPECT_TRUE(log.waitFor("Sso: Command 'A' is incorrect.\n", round + 1));
+        host.stop();
+    }
+}
+
+TEST(LifecycleTest, StopMessageWinsOverPendingInput) {
+    LogCapture log;
+    WorkerHost host;
+    ASSERT_EQ(host.start(), 0);
+    auto fds = pipeNumbers(log);
+    // Hold the worker inside its turn (in the log callback) while input and a stop message both
+    // arrive; its next wait then sees both descriptors readable. Statements are delivered one at
+    // a time, so nothing else may log while the worker is held: the stop bytes are written to
+    // the internal pipe directly, as SsoDestroy would.
+    std::atomic<bool> held{false};
+    std::atomic<bool> released{false};
+    log.onLine = [&](std::string const &line) {
+        if (!released && line.find("got nullptr result") != std::string::npos) {
+            held = true;
+            while (!released) {
+                usleep(1000);
+            }
+        }
+    };
+    host.send("A\n");
+    for (int i = 0; i < 5000 && !held; ++i) {
+        usleep(1000);
+    }
+    ASSERT_TRUE(held);
+    host.send("SSO_LOAD_CONFIGS\n");
+    int32_t stop = 1;
+    ASSERT_EQ(write(fds.second, &stop, sizeof stop), 4);
+    usleep(20000);
+    released = true;
+    ASSERT_TRUE(log.waitForPiece(" received exit message.\n"));
+    host.stop();
+    log.onLine = nullptr;
+    size_t reads = 0;
+    for (auto const &line : log.lines()) {
+        reads += line.find(" reading from FD#") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(reads, 1u);
+    EXPECT_FALSE(log.contains("Extracted message: 'SSO_LOAD_CONFIGS'"));
+}
+
+TEST(TimedOperationsTest, TicksCountTurnsAndWrapAfterTheTokenCleanup) {
+    struct Row {
+        int32_t before;
+        int32_t after;
+    } const rows[] = {{5998, 5999}, {5999, 6000}, {6000, 6001}, {29999, 30000}, {30000, 0}, {0, 1}};
+    for (auto const &row : rows) {
+        ticks = row.before;
+        TimedOperations();
+        EXPECT_EQ(ticks, row.after) << "from " << row.before;
+    }
+    ticks = 0;
+}
+
+}  // namespace

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// Turns commands from the channel into engine calls and composes their reply lines. Worker
+// thread only.
+class SsoCommands {
+public:
+    // Runs one split command (element 0 is the name) and returns the reply line to write, a new
+    // array ending in "\n", or null when the command gets no reply (unknown name, missing or
+    // empty arguments, or a login flow that answers later).
+    static char *execute(std::vector<std::string> const &command);
+
+    // Writes the reply line of every finished background flow to `ioFd`.
+    static void drainCompletedFlows(int ioFd);
+};
