@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// A helper program run by the tests. Its standard input is a pipe that this object holds, so a
+// child that watches for end of input also ends when the test program dies. The destructor
+// terminates the child and reaps it.
+class ChildProcess {
+public:
+    ChildProcess() = default;
+    ~ChildProcess();
+    ChildProcess(ChildProcess const &) = delete;
+    ChildProcess &operator=(ChildProcess const &) = delete;
+
+    // Starts `argv[0]` (searched in PATH) in `directory` (empty: current). False on failure.
+    bool start(std::vector<std::string> const &argv, std::string const &directory = "");
+    // Reads the child's standard output until a line starting with `prefix`; returns that line
+    // without the prefix, or empty after `ms` milliseconds or at end of output.
+    std::string waitForLine(std::string const &prefix, int ms);
+    // Stops the child (SIGTERM, then SIGKILL) and reaps it.
+    void stop();
+    bool running() const { return pid > 0; }
+
+    int pid = -1;
+
+private:
+    int stdinFd_ = -1;
+    int stdoutFd_ = -1;
+    std::string buffered_;
+};
+
+// Runs a program and returns the first line of its output (empty on failure or after a minute).
+std::string runProgram(std::vector<std::string> const &argv, std::string const &directory = "");

@@ -1,0 +1,260 @@
+#include "tests/harness/FailureServer.h"
+
+#include "tests/harness/ChildProcess.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+char const *reason(int status) {
+    switch (status) {
+        case 200:
+            return "OK";
+        case 400:
+            return "Bad Request";
+        case 401:
+            return "Unauthorized";
+        case 404:
+            return "Not Found";
+        case 500:
+            return "Internal Server Error";
+        case 503:
+            return "Service Unavailable";
+        default:
+            return "Status";
+    }
+}
+
+// Certificate and key for TLS mode, made once per test program.
+bool makeCertificate(std::string &certificate, std::string &key) {
+    static std::string directory;
+    if (directory.empty()) {
+        char pattern[] = "/tmp/qxss-tls-XXXXXX";
+        if (mkdtemp(pattern) == nullptr) {
+            return false;
+        }
+        directory = pattern;
+        std::string command =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+            "-nodes -days 2 -subj /CN=127.0.0.1 -keyout " +
+            directory + "/key.pem -out " + directory + "/cert.pem >/dev/null 2>&1";
+        if (std::system(command.c_str()) != 0) {
+            return false;
+        }
+    }
+    certificate = directory + "/cert.pem";
+    key = directory + "/key.pem";
+    return true;
+}
+
+}  // namespace
+
+FailureServer::FailureServer(bool useTls) : tls(useTls) {
+    if (tls) {
+        std::string certificate;
+        std::string key;
+        if (!makeCertificate(certificate, key)) {
+            return;
+        }
+        context_ = SSL_CTX_new(TLS_server_method());
+        if (context_ == nullptr ||
+            SSL_CTX_use_certificate_file(context_, certificate.c_str(), SSL_FILETYPE_PEM) != 1 ||
+            SSL_CTX_use_PrivateKey_file(context_, key.c_str(), SSL_FILETYPE_PEM) != 1) {
+            return;
+        }
+    }
+    listenFd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address;
+    std::memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = 0;
+    socklen_t length = sizeof address;
+    if (listenFd_ < 0 ||
+        bind(listenFd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+        listen(listenFd_, 64) != 0 ||
+        getsockname(listenFd_, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        return;
+    }
+    port = ntohs(address.sin_port);
+    acceptor_ = std::thread([this] { acceptLoop(); });
+}
+
+FailureServer::~FailureServer() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+        for (int fd : connections_) {
+            shutdown(fd, SHUT_RDWR);
+        }
+    }
+    if (listenFd_ >= 0) {
+        shutdown(listenFd_, SHUT_RDWR);
+    }
+    if (acceptor_.joinable()) {
+        acceptor_.join();
+    }
+    for (auto &worker : workers_) {
+        worker.join();
+    }
+    if (listenFd_ >= 0) {
+        close(listenFd_);
+    }
+    if (context_ != nullptr) {
+        SSL_CTX_free(context_);
+    }
+}
+
+void FailureServer::on(std::string const &path, Reply reply) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    replies_[path] = std::move(reply);
+}
+
+void FailureServer::on(std::string const &path, int status, std::string const &body) {
+    Reply reply;
+    reply.status = status;
+    reply.body = body;
+    on(path, reply);
+}
+
+std::string FailureServer::url(std::string const &path) const {
+    return std::string(tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port) + path;
+}
+
+std::vector<FailureServer::Request> FailureServer::requests() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+}
+
+FailureServer::Reply FailureServer::replyFor(std::string const &target) const {
+    std::string path = target.substr(0, target.find('?'));
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = replies_.find(path);
+    if (found != replies_.end()) {
+        return found->second;
+    }
+    Reply missing;
+    missing.status = 404;
+    missing.body = "{\"error\":\"not_found\"}";
+    return missing;
+}
+
+void FailureServer::acceptLoop() {
+    for (;;) {
+        int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (fd < 0 || stopping_) {
+            if (fd >= 0) {
+                close(fd);
+            }
+            return;
+        }
+        connections_.push_back(fd);
+        workers_.emplace_back([this, fd] { serve(fd); });
+    }
+}
+
+void FailureServer::serve(int fd) {
+    SSL *ssl = nullptr;
+    if (context_ != nullptr) {
+        ssl = SSL_new(context_);
+        SSL_set_fd(ssl, fd);
+        if (SSL_accept(ssl) != 1) {
+            SSL_free(ssl);
+            ERR_clear_error();
+            close(fd);
+            return;
+        }
+    }
+    auto receive = [&](char *buffer, int size) -> int {
+        return ssl ? SSL_read(ssl, buffer, size) : static_cast<int>(recv(fd, buffer, size, 0));
+    };
+    auto sendAll = [&](std::string const &data) {
+        if (ssl) {
+            SSL_write(ssl, data.data(), static_cast<int>(data.size()));
+        } else {
+            ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+        }
+    };
+    std::string raw;
+    char buffer[8192];
+    size_t headerEnd = std::string::npos;
+    size_t wanted = 0;
+    for (;;) {
+        if (headerEnd == std::string::npos) {
+            headerEnd = raw.find("\r\n\r\n");
+            if (headerEnd != std::string::npos) {
+                std::string lower = raw.substr(0, headerEnd);
+                for (char &c : lower) {
+                    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+                }
+                size_t at = lower.find("content-length:");
+                wanted = at == std::string::npos
+                             ? 0
+                             : std::strtoul(lower.c_str() + at + 15, nullptr, 10);
+            }
+        }
+        if (headerEnd != std::string::npos && raw.size() >= headerEnd + 4 + wanted) {
+            break;
+        }
+        int got = receive(buffer, sizeof buffer);
+        if (got <= 0) {
+            break;
+        }
+        raw.append(buffer, static_cast<size_t>(got));
+    }
+    Request request;
+    if (headerEnd != std::string::npos) {
+        size_t lineEnd = raw.find("\r\n");
+        std::string requestLine = raw.substr(0, lineEnd);
+        size_t space = requestLine.find(' ');
+        size_t second = requestLine.find(' ', space + 1);
+        request.method = requestLine.substr(0, space);
+        request.target = requestLine.substr(space + 1, second - space - 1);
+        request.headers = raw.substr(lineEnd + 2, headerEnd - lineEnd - 2);
+        request.body = raw.substr(headerEnd + 4);
+        std::lock_guard<std::mutex> lock(mutex_);
+        requests_.push_back(request);
+    }
+    Reply reply = replyFor(request.target);
+    if (reply.mode == Mode::Hang) {
+        // Holds the connection until the client gives up or the server stops.
+        while (receive(buffer, sizeof buffer) > 0) {
+        }
+    } else if (reply.mode == Mode::Reset) {
+        struct linger abort = {1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    } else if (headerEnd != std::string::npos) {
+        std::string response = "HTTP/1.1 " + std::to_string(reply.status) + " " +
+                               reason(reply.status) + "\r\nContent-Type: " + reply.contentType +
+                               "\r\nContent-Length: " + std::to_string(reply.body.size()) +
+                               "\r\nConnection: close\r\n\r\n" + reply.body;
+        sendAll(response);
+    }
+    if (ssl != nullptr) {
+        if (reply.mode != Mode::Reset) {
+            SSL_shutdown(ssl);
+        }
+        SSL_free(ssl);
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto &each : connections_) {
+            if (each == fd) {
+                each = connections_.back();
+                connections_.pop_back();
+                break;
+            }
+        }
+    }
+    close(fd);
+}

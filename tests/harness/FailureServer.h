@@ -1,0 +1,64 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct ssl_ctx_st;
+
+// A small programmable HTTP/1.1 server on 127.0.0.1 for the failure cases a real provider
+// rarely shows: any status, any body, an empty body, a connection that never answers, a reset.
+// One request per connection. In TLS mode it serves a self-signed certificate made at start,
+// which a client that verifies certificates must refuse.
+class FailureServer {
+public:
+    enum class Mode { Answer, Hang, Reset };
+
+    struct Reply {
+        int status = 200;
+        std::string body;
+        std::string contentType = "application/json";
+        Mode mode = Mode::Answer;
+    };
+
+    struct Request {
+        std::string method;
+        std::string target;  // path and query as sent
+        std::string headers;
+        std::string body;
+    };
+
+    explicit FailureServer(bool tls = false);
+    ~FailureServer();
+    FailureServer(FailureServer const &) = delete;
+    FailureServer &operator=(FailureServer const &) = delete;
+
+    // What requests for `path` (the target without its query) get; others get a 404.
+    void on(std::string const &path, Reply reply);
+    void on(std::string const &path, int status, std::string const &body);
+    // "http://127.0.0.1:<port>" (or https) followed by `path`.
+    std::string url(std::string const &path = "") const;
+    // The requests received so far.
+    std::vector<Request> requests() const;
+
+    int port = 0;
+    bool tls = false;
+
+private:
+    void acceptLoop();
+    void serve(int fd);
+    Reply replyFor(std::string const &target) const;
+
+    int listenFd_ = -1;
+    bool stopping_ = false;
+    ssl_ctx_st *context_ = nullptr;
+    mutable std::mutex mutex_;
+    std::map<std::string, Reply> replies_;
+    std::vector<Request> requests_;
+    std::vector<int> connections_;
+    std::vector<std::thread> workers_;
+    std::thread acceptor_;
+};

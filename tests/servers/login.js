@@ -1,0 +1,62 @@
+// The user's side of a login at the local provider, over HTTP:
+//   node login.js <authorization URL> [user]
+// Follows the provider's pages (login form, any further interaction) and prints one JSON line
+// {"code": ..., "state": ..., "location": ...} from the final redirect, without calling the
+// redirect URI; or {"error": ...}.
+const [authUrl, user = 'alice'] = process.argv.slice(2);
+const jar = new Map();
+
+function remember(response) {
+  for (const line of response.headers.getSetCookie?.() || []) {
+    const [pair] = line.split(';');
+    const eq = pair.indexOf('=');
+    jar.set(pair.slice(0, eq).trim(), pair.slice(eq + 1));
+  }
+}
+
+function cookieHeader() {
+  return [...jar].map(([k, v]) => `${k}=${v}`).join('; ');
+}
+
+async function request(url, options = {}) {
+  const response = await fetch(url, { ...options, redirect: 'manual', headers: { ...(options.headers || {}), cookie: cookieHeader() } });
+  remember(response);
+  return response;
+}
+
+async function main() {
+  let url = authUrl;
+  const origin = new URL(authUrl).origin;
+  for (let step = 0; step < 12; step += 1) {
+    const response = await request(url);
+    if (response.status >= 300 && response.status < 400) {
+      const location = new URL(response.headers.get('location'), url);
+      if (location.origin !== origin) {
+        const out = { location: location.toString(), code: location.searchParams.get('code'), state: location.searchParams.get('state') };
+        if (location.searchParams.get('error')) out.error = `${location.searchParams.get('error')}: ${location.searchParams.get('error_description')}`;
+        return out;
+      }
+      url = location.toString();
+      continue;
+    }
+    const html = await response.text();
+    const action = /action="([^"]+)"/.exec(html);
+    if (response.status !== 200 || !action) return { error: `unexpected page ${response.status}: ${html.slice(0, 300)}` };
+    const prompt = /name="prompt" value="([^"]+)"/.exec(html)?.[1] || 'login';
+    const form = new URLSearchParams({ prompt });
+    if (prompt === 'login') {
+      form.set('login', user);
+      form.set('password', 'any');
+    }
+    const submitted = await request(new URL(action[1], url).toString(), {
+      method: 'POST',
+      headers: { 'content-type': 'application/x-www-form-urlencoded' },
+      body: form.toString(),
+    });
+    if (submitted.status < 300 || submitted.status >= 400) return { error: `form refused ${submitted.status}: ${(await submitted.text()).slice(0, 300)}` };
+    url = new URL(submitted.headers.get('location'), url).toString();
+  }
+  return { error: 'too many steps' };
+}
+
+main().then((out) => process.stdout.write(`${JSON.stringify(out)}\n`), (e) => process.stdout.write(`${JSON.stringify({ error: String(e) })}\n`));

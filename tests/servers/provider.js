@@ -1,0 +1,142 @@
+// A real OpenID provider on loopback for the libqxss tests.
+//   node provider.js [port]      (0 or nothing: any free port)
+// Prints one line "READY <base URL>" when it listens. Discovery is served at
+// <base>/.well-known/openid-configuration and, with its own endpoints, under <base>/v2.0.
+import http from 'node:http';
+import { Readable } from 'node:stream';
+import Provider from 'oidc-provider';
+
+export const clients = [
+  {
+    client_id: 'qxss-client',
+    client_secret: 'qxss-secret',
+    redirect_uris: ['http://127.0.0.1:18080/cb', 'http://127.0.0.1:18081/cb2', 'http://127.0.0.2:18082/cb3'],
+  },
+  {
+    client_id: 'qxss-other',
+    client_secret: 'other-secret',
+    redirect_uris: ['http://127.0.0.1:18090/cb'],
+  },
+];
+
+const users = {
+  alice: { email: 'alice@example.com', preferred_username: 'alice', qx_login: 'alice.local' },
+  bob: { email: 'bob@example.com', preferred_username: 'bob', qx_login: 'bob.local' },
+  'carol|x': { email: 'carol@example.com', preferred_username: 'carol|x', qx_login: 'carol' },
+};
+
+const extraScopes = ['https://graph.microsoft.com/User.Read'];
+
+function configuration() {
+  return {
+    clients: clients.map((c) => ({
+      ...c,
+      grant_types: ['authorization_code', 'refresh_token'],
+      response_types: ['code'],
+      token_endpoint_auth_method: 'client_secret_basic',
+    })),
+    pkce: { required: () => true, methods: ['S256'] },
+    features: {
+      devInteractions: { enabled: true },
+      revocation: { enabled: true },
+      userinfo: { enabled: true },
+    },
+    scopes: ['openid', 'offline_access', 'email', 'profile', ...extraScopes],
+    claims: {
+      openid: ['sub'],
+      email: ['email', 'email_verified'],
+      profile: ['preferred_username', 'qx_login', 'name'],
+    },
+    extraParams: ['access_type'],
+    cookies: { keys: ['qxss-test-cookie-key'] },
+    // Refresh tokens for every code grant, as the tests' providers are configured to give.
+    issueRefreshToken: async (ctx, client) => client.grantTypeAllowed('refresh_token'),
+    // No consent page: the test user grants whatever was asked.
+    loadExistingGrant: async (ctx) => {
+      const existing = ctx.oidc.result?.consent?.grantId || ctx.oidc.session.grantIdFor(ctx.oidc.client.clientId);
+      if (existing) {
+        const found = await ctx.oidc.provider.Grant.find(existing);
+        if (found) return found;
+      }
+      const grant = new ctx.oidc.provider.Grant({
+        clientId: ctx.oidc.client.clientId,
+        accountId: ctx.oidc.session.accountId,
+      });
+      grant.addOIDCScope('openid email profile offline_access');
+      grant.addOIDCClaims(['email', 'email_verified', 'preferred_username', 'qx_login', 'name']);
+      await grant.save();
+      return grant;
+    },
+    findAccount: async (ctx, sub) => {
+      const user = users[sub];
+      if (!user) return undefined;
+      return { accountId: sub, claims: async () => ({ sub, email_verified: true, ...user }) };
+    },
+    ttl: { AccessToken: 3600, AuthorizationCode: 600, RefreshToken: 86400, Session: 3600, Interaction: 600, Grant: 86400 },
+    renderError: async (ctx, out) => {
+      ctx.type = 'application/json';
+      ctx.body = out;
+    },
+  };
+}
+
+// Real providers take client credentials as form fields or as an HTTP Basic header alike;
+// the clients are registered for Basic, so form credentials are moved into the header.
+async function credentialsFromForm(ctx, next) {
+  const isForm = ctx.method === 'POST' && (ctx.get('content-type') || '').startsWith('application/x-www-form-urlencoded');
+  if (!isForm || ctx.get('authorization')) return next();
+  const chunks = [];
+  for await (const chunk of ctx.req) chunks.push(chunk);
+  const params = new URLSearchParams(Buffer.concat(chunks).toString('utf8'));
+  if (params.has('client_secret')) {
+    const id = params.get('client_id') || '';
+    const secret = params.get('client_secret');
+    params.delete('client_secret');
+    params.delete('client_id');
+    ctx.req.headers.authorization = `Basic ${Buffer.from(`${encodeURIComponent(id)}:${encodeURIComponent(secret)}`).toString('base64')}`;
+  }
+  const body = Buffer.from(params.toString());
+  const replacement = Readable.from([body]);
+  replacement.headers = { ...ctx.req.headers, 'content-length': String(body.length) };
+  replacement.method = ctx.req.method;
+  replacement.url = ctx.req.url;
+  replacement.socket = ctx.req.socket;
+  replacement.httpVersion = ctx.req.httpVersion;
+  ctx.req = replacement;
+  ctx.request.req = replacement;
+  return next();
+}
+
+async function makeProvider(issuer) {
+  const provider = new Provider(issuer, configuration());
+  provider.proxy = false;
+  provider.use(credentialsFromForm);
+  return provider;
+}
+
+const port = Number(process.argv[2] || 0);
+const server = http.createServer();
+server.listen(port, '127.0.0.1', async () => {
+  const base = `http://127.0.0.1:${server.address().port}`;
+  const root = await makeProvider(base);
+  const v2 = await makeProvider(`${base}/v2.0`);
+  const rootHandler = root.callback();
+  const v2Handler = v2.callback();
+  server.on('request', (req, res) => {
+    if (req.url === '/v2.0' || req.url.startsWith('/v2.0/')) {
+      req.originalUrl = req.url;
+      req.baseUrl = '/v2.0';
+      req.url = req.url.slice('/v2.0'.length) || '/';
+      v2Handler(req, res);
+    } else {
+      rootHandler(req, res);
+    }
+  });
+  process.stdout.write(`READY ${base}\n`);
+});
+
+process.on('SIGTERM', () => process.exit(0));
+process.on('SIGINT', () => process.exit(0));
+// The test program that started us may die without stopping us.
+process.stdin.on('end', () => process.exit(0));
+process.stdin.resume();
