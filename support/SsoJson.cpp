@@ -16,11 +16,9 @@ namespace {
 // comments, and the callers test the root's type themselves.
 bool parse(char const *text, size_t length, Json::Value &target) {
     Log() << "SsoJson: Received '" << std::string(text ? text : "nil", text ? length : 3)
-          << "' for string to JSON parsing"
-          << ".\n";
+          << "' for string to JSON parsing.\n";
     if (text == nullptr || length == 0) {
-        Log() << "SsoJson: ERROR! Source string is empty"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Source string is empty.\n";
         return false;
     }
     Json::Features features = Json::Features::all();
@@ -33,8 +31,7 @@ bool parse(char const *text, size_t length, Json::Value &target) {
         parsed = false;
     }
     if (!parsed) {
-        Log() << "SsoJson: ERROR! Parsing string to JSON object failed"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Parsing string to JSON object failed.\n";
         if (!reader.good()) {
             Log() << "SsoJson: ERROR! Internal JSON error message: "
                   << reader.getFormattedErrorMessages() << ".\n";
@@ -53,26 +50,22 @@ bool isEmptyValue(Json::Value const &value) {
 void print(Json::Value const &value) {
     Json::FastWriter writer;
     if (value.isObject()) {
-        Log() << "SsoJson: JSON object: '" << writer.write(value) << "'"
-              << ".\n";
+        Log() << "SsoJson: JSON object: '" << writer.write(value) << "'.\n";
     } else if (value.isArray()) {
         std::string whole = writer.write(value);
         for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
-            Log() << "SsoJson: JSON " << (i + 1) << " object: '" << whole << "'"
-                  << ".\n";
+            Log() << "SsoJson: JSON " << (i + 1) << " object: '" << whole << "'.\n";
         }
     }
 }
 
 bool vectorToJson(std::vector<Json::Value> const &source, Json::Value &target) {
     if (source.empty()) {
-        Log() << "SsoJson: ERROR! Source array of JSON objects is empty"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Source array of JSON objects is empty.\n";
         return false;
     }
     if (!target.isArray()) {
-        Log() << "SsoJson: ERROR! Destination JSON object type is not JSON array"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Destination JSON object type is not JSON array.\n";
         return false;
     }
     for (auto const &value : source) {
@@ -90,22 +83,18 @@ bool readString(std::string const &text, Json::Value &target) {
 }
 
 bool readFile(char const *path, Json::Value &target) {
-    Log() << "SsoJson: Received path: '" << path << "' for file to JSON parsing"
-          << ".\n";
+    Log() << "SsoJson: Received path: '" << path << "' for file to JSON parsing.\n";
     if (path == nullptr || *path == '\0') {
-        Log() << "SsoJson: ERROR! Source file path is empty"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Source file path is empty.\n";
         return false;
     }
     if (FileIsEntity(path) != 1) {
-        Log() << "SsoJson: ERROR! File is unreachable"
-              << ".\n";
+        Log() << "SsoJson: ERROR! File is unreachable.\n";
         return false;
     }
     FILE *file = std::fopen(path, "rb");
     if (file == nullptr) {
-        Log() << "SsoJson: ERROR! Can't open the file"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Can't open the file.\n";
         return false;
     }
     std::string text;
@@ -113,8 +102,7 @@ bool readFile(char const *path, Json::Value &target) {
     for (;;) {
         size_t got = std::fread(block, 1, sizeof block, file);
         text.append(block, got);
-        Log() << "SsoJson: Read " << got << " bytes from '" << path << "'"
-              << ".\n";
+        Log() << "SsoJson: Read " << got << " bytes from '" << path << "'.\n";
         if (got < sizeof block) {
             break;
         }
@@ -122,39 +110,32 @@ bool readFile(char const *path, Json::Value &target) {
     bool failed = std::ferror(file) != 0;
     bool atEnd = std::feof(file) != 0;
     if (std::fclose(file) != 0) {
-        Log() << "SsoJson: ERROR! Can't close the file"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Can't close the file.\n";
         return false;
     }
     if (failed) {
-        Log() << "SsoJson: ERROR! Error occurence during reading the file"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Error occurence during reading the file.\n";
         return false;
     }
     if (!atEnd) {
-        Log() << "SsoJson: ERROR! EOF hasn't been reached"
-              << ".\n";
+        Log() << "SsoJson: ERROR! EOF hasn't been reached.\n";
         return false;
     }
-    Log() << "SsoJson: File: '" << path << "' was read successful"
-          << ".\n";
+    Log() << "SsoJson: File: '" << path << "' was read successful.\n";
     bool parsed = readString(text, target);
     if (!parsed) {
-        Log() << "SsoJson: ERROR! Parsing file data to JSON failed"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Parsing file data to JSON failed.\n";
     }
     return parsed;
 }
 
 bool writeString(Json::Value const &value, std::string &target) {
     if (isEmptyValue(value)) {
-        Log() << "SsoJson: ERROR! Source JSON object is empty"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Source JSON object is empty.\n";
         return false;
     }
     if (!value.isConvertibleTo(Json::objectValue) && !value.isConvertibleTo(Json::arrayValue)) {
-        Log() << "SsoJson: ERROR! Source JSON object type is not object or array"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Source JSON object type is not object or array.\n";
         return false;
     }
     Json::StreamWriterBuilder builder;
@@ -162,25 +143,21 @@ bool writeString(Json::Value const &value, std::string &target) {
     builder["indentation"] = "";
     target = Json::writeString(builder, value);
     if (target.empty()) {
-        Log() << "SsoJson: ERROR! Serializing JSON object to string failed"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Serializing JSON object to string failed.\n";
         return false;
     }
     return true;
 }
 
 bool writeFile(Json::Value const &value, char const *path) {
-    Log() << "SsoJson: Destination path for JSON serializing: '" << path << "'"
-          << ".\n";
+    Log() << "SsoJson: Destination path for JSON serializing: '" << path << "'.\n";
     if (path == nullptr || *path == '\0') {
-        Log() << "SsoJson: ERROR! Destination path for JSON serializing is empty"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Destination path for JSON serializing is empty.\n";
         return false;
     }
     std::string text;
     if (!writeString(value, text)) {
-        Log() << "SsoJson: ERROR! Serializing JSON object to file failed"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Serializing JSON object to file failed.\n";
         return false;
     }
     if (FileIsEntity(path) == -1) {
@@ -189,20 +166,17 @@ bool writeFile(Json::Value const &value, char const *path) {
     }
     FILE *file = std::fopen(path, "wb");
     if (file == nullptr) {
-        Log() << "SsoJson: ERROR! Can't open the file"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Can't open the file.\n";
         return false;
     }
     size_t written = std::fwrite(text.data(), 1, text.size(), file);
     bool failed = std::ferror(file) != 0;
     if (std::fclose(file) != 0) {
-        Log() << "SsoJson: ERROR! Can't close the file"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Can't close the file.\n";
         return false;
     }
     if (failed) {
-        Log() << "SsoJson: ERROR! Error occurence during writing to the file"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Error occurence during writing to the file.\n";
         return false;
     }
     if (written != text.size()) {
@@ -217,14 +191,12 @@ bool writeFile(std::vector<Json::Value> const &values, char const *path) {
     Json::Value array(Json::arrayValue);
     bool result = vectorToJson(values, array);
     if (!result) {
-        Log() << "SsoJson: ERROR! Converting array of JSON objects to single JSON object failed"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Converting array of JSON objects to single JSON object failed.\n";
         return result;
     }
     result = writeFile(array, path);
     if (!result) {
-        Log() << "SsoJson: ERROR! Serializing JSON object to file failed"
-              << ".\n";
+        Log() << "SsoJson: ERROR! Serializing JSON object to file failed.\n";
     }
     return result;
 }

@@ -69,8 +69,7 @@ std::string getBase64(char const *text) {
 }
 
 std::string getHash(char const *text) {
-    Log() << "SsoUtils: Received '" << text << "' for SHA256 hashing"
-          << ".\n";
+    Log() << "SsoUtils: Received '" << text << "' for SHA256 hashing.\n";
     char *hashed = nullptr;
     int length = Encryptable::getHash(text, hashed);
     if (length == 0 || hashed == nullptr) {
@@ -79,14 +78,12 @@ std::string getHash(char const *text) {
     }
     std::string result(hashed, static_cast<size_t>(length));
     delete[] hashed;
-    Log() << "SsoUtils: SHA256 string is: '" << result << "'"
-          << ".\n";
+    Log() << "SsoUtils: SHA256 string is: '" << result << "'.\n";
     return result;
 }
 
 std::string getHashBase64Url(char const *text) {
-    Log() << "SsoUtils: Received '" << text << "' for Base64Url(SHA256) formatting"
-          << ".\n";
+    Log() << "SsoUtils: Received '" << text << "' for Base64Url(SHA256) formatting.\n";
     char *hashed = nullptr;
     int length = Encryptable::getHashBase64(text, hashed);
     if (length == 0 || hashed == nullptr) {
@@ -95,8 +92,7 @@ std::string getHashBase64Url(char const *text) {
     }
     std::string result(hashed, static_cast<size_t>(length));
     delete[] hashed;
-    Log() << "SsoUtils: Buffer: '" << result << "' in Base64(SHA256) format"
-          << ".\n";
+    Log() << "SsoUtils: Buffer: '" << result << "' in Base64(SHA256) format.\n";
     while (!result.empty() && result.back() == '=') {
         result.pop_back();
     }
@@ -107,7 +103,6 @@ std::string getHashBase64Url(char const *text) {
             c = '_';
         }
     }
-    Log() << "SsoUtils: Base64URL(SHA256) string is: '" << result << "'"
-          << ".\n";
+    Log() << "SsoUtils: Base64URL(SHA256) string is: '" << result << "'.\n";
     return result;
 }

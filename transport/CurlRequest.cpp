@@ -53,24 +53,20 @@ CurlRequest::~CurlRequest() {
 
 bool CurlRequest::init(int flag) {
     if (initialized) {
-        Log() << "CurlRequest: ERROR! Already initialized"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Already initialized.\n";
         return false;
     }
     if (flag != 1 && flag != 2 && flag != 3) {
-        Log() << "CurlRequest: ERROR! Invalid flag"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Invalid flag.\n";
         return false;
     }
     if (curl_global_init(flag) != CURLE_OK) {
-        Log() << "CurlRequest: ERROR! Basic initialization failed"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Basic initialization failed.\n";
         return false;
     }
     multiHandle = curl_multi_init();
     if (multiHandle == nullptr) {
-        Log() << "CurlRequest: ERROR! Multi sockets initialization failed"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Multi sockets initialization failed.\n";
         curl_global_cleanup();
         return false;
     }
@@ -104,8 +100,7 @@ void CurlRequest::cleanUp() {
     if (!initialized) {
         return;
     }
-    Log() << "CurlRequest: Clean up"
-          << ".\n";
+    Log() << "CurlRequest: Clean up.\n";
     for (curlRequest *request : requests) {
         freeRequest(request);
     }
@@ -132,8 +127,7 @@ void CurlRequest::cleanUp() {
 bool CurlRequest::createHandler(int32_t configId, bool isDynamic) {
     CURL *handle = curl_easy_init();
     if (handle == nullptr) {
-        Log() << "CurlRequest: ERROR! Failed to create handler"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Failed to create handler.\n";
         return false;
     }
     curlHandler *handler = new curlHandler;
@@ -148,8 +142,7 @@ bool CurlRequest::createHandler(int32_t configId, bool isDynamic) {
 
 bool CurlRequest::setupHandlersForConfig(int32_t configId, int32_t count) {
     if (!initialized) {
-        Log() << "CurlRequest: ERROR! Curl not initialized"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Curl not initialized.\n";
         return false;
     }
     Log() << "CurlRequest: Creating " << count << " handlers for config " << configId << ".\n";
@@ -184,16 +177,14 @@ void CurlRequest::releaseHandler(void *handle) {
             handler->inUse = false;
             // Options never carry over from one transfer to the next.
             curl_easy_reset(handle);
-            Log() << "CurlRequest: Released handler"
-                  << ".\n";
+            Log() << "CurlRequest: Released handler.\n";
             return;
         }
     }
 }
 
 void CurlRequest::cleanupDynamicHandlers() {
-    Log() << "CurlRequest: Cleaning up handlers"
-          << ".\n";
+    Log() << "CurlRequest: Cleaning up handlers.\n";
     size_t kept = 0;
     for (curlHandler *handler : handlers) {
         if (handler->isDynamic && !handler->inUse) {
@@ -288,88 +279,70 @@ bool CurlRequest::setData(void *handle, char const *data) {
 
 bool CurlRequest::setProxy(void *handle, char const *proxy) {
     if (handle == nullptr || proxy == nullptr || *proxy == '\0') {
-        Log() << "CurlRequest: ERROR! Invalid arguments"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Invalid arguments.\n";
         return false;
     }
-    Log() << "CurlRequest: Setting proxy: '" << proxy << "'"
-          << ".\n";
+    Log() << "CurlRequest: Setting proxy: '" << proxy << "'.\n";
     if (curl_easy_setopt(handle, CURLOPT_PROXY, proxy) != CURLE_OK) {
-        Log() << "CurlRequest: ERROR! Failed to set proxy"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Failed to set proxy.\n";
         return false;
     }
     // The scheme is searched anywhere in the text, "http://" first.
     if (std::strstr(proxy, "http://") != nullptr) {
         if (curl_easy_setopt(handle, CURLOPT_PROXYTYPE, static_cast<long>(CURLPROXY_HTTP)) !=
             CURLE_OK) {
-            Log() << "CurlRequest: ERROR! Failed to set proxy type to HTTP"
-                  << ".\n";
+            Log() << "CurlRequest: ERROR! Failed to set proxy type to HTTP.\n";
             return false;
         }
-        Log() << "CurlRequest: Proxy type set to HTTP"
-              << ".\n";
+        Log() << "CurlRequest: Proxy type set to HTTP.\n";
     } else if (std::strstr(proxy, "https://") != nullptr) {
         if (curl_easy_setopt(handle, CURLOPT_PROXYTYPE, static_cast<long>(CURLPROXY_HTTPS)) !=
             CURLE_OK) {
-            Log() << "CurlRequest: ERROR! Failed to set proxy type to HTTPS"
-                  << ".\n";
+            Log() << "CurlRequest: ERROR! Failed to set proxy type to HTTPS.\n";
             return false;
         }
-        Log() << "CurlRequest: Proxy type set to HTTPS"
-              << ".\n";
+        Log() << "CurlRequest: Proxy type set to HTTPS.\n";
         if (setupCAFile(handle, CaTargetProxy) != CURLE_OK) {
-            Log() << "CurlRequest: ERROR! Failed to set CA certificate"
-                  << ".\n";
+            Log() << "CurlRequest: ERROR! Failed to set CA certificate.\n";
             return false;
         }
-        Log() << "CurlRequest: CA file set for HTTPS proxy"
-              << ".\n";
+        Log() << "CurlRequest: CA file set for HTTPS proxy.\n";
         if (curl_easy_setopt(handle, CURLOPT_PROXY_SSL_VERIFYPEER, 1L) != CURLE_OK) {
-            Log() << "CurlRequest: ERROR! Failed to set ssl verification"
-                  << ".\n";
+            Log() << "CurlRequest: ERROR! Failed to set ssl verification.\n";
             return false;
         }
         if (curl_easy_setopt(handle, CURLOPT_PROXY_SSL_VERIFYHOST, 2L) != CURLE_OK) {
-            Log() << "CurlRequest: ERROR! Failed to set ssl host verification"
-                  << ".\n";
+            Log() << "CurlRequest: ERROR! Failed to set ssl host verification.\n";
             return false;
         }
     } else {
         Log() << "CurlRequest: ERROR! Invalid proxy scheme! "
-              << "Only http:// and https:// are supported"
-              << ".\n";
+              << "Only http:// and https:// are supported.\n";
         return false;
     }
     if (curl_easy_setopt(handle, CURLOPT_HTTPPROXYTUNNEL, 1L) != CURLE_OK) {
-        Log() << "CurlRequest: ERROR! Failed to set proxy tunnel"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Failed to set proxy tunnel.\n";
         return false;
     }
-    Log() << "CurlRequest: Proxy configured successfully"
-          << ".\n";
+    Log() << "CurlRequest: Proxy configured successfully.\n";
     return true;
 }
 
 std::string CurlRequest::syncRequest(httpMethod method, char const *url,
                                      std::vector<std::string> const &headers, char const *data,
                                      char const *proxy) {
-    Log() << "CurlRequest: syncRequest called for URL: '" << url << "'"
-          << ".\n";
+    Log() << "CurlRequest: syncRequest called for URL: '" << url << "'.\n";
     if (!initialized) {
-        Log() << "CurlRequest: ERROR! CurlRequest not initialized for sync request"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! CurlRequest not initialized for sync request.\n";
         return std::string();
     }
     if (url == nullptr || *url == '\0') {
-        Log() << "CurlRequest: ERROR! Sync request URL is empty"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Sync request URL is empty.\n";
         return std::string();
     }
     EasyHandle handle(curl_easy_init());
     if (!handle) {
-        Log() << "CurlRequest: ERROR! Failed to create sync request handler"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Failed to create sync request handler.\n";
         return std::string();
     }
     CURL *easy = handle.get();
@@ -383,8 +356,7 @@ std::string CurlRequest::syncRequest(httpMethod method, char const *url,
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(easy, CURLOPT_TIMEOUT, kSyncTimeoutSeconds);
     if (setupCAFile(easy, CaTargetServer) != CURLE_OK) {
-        Log() << "CurlRequest: ERROR! Failed to set CA file"
-              << ".\n";
+        Log() << "CurlRequest: ERROR! Failed to set CA file.\n";
         return std::string();
     }
     if (method == HttpGet) {

@@ -1,6 +1,7 @@
 #include "platform/Io.h"
 #include "platform/Log.h"
 #include "platform/Thread.h"
+#include "transport/CurlRequest.h"
 #include "worker/SsoCommands.h"
 #include "worker/SsoWorkerInfo.h"
 #include "worker/libqxss.h"
@@ -38,8 +39,7 @@ void frame(char const *chunk, size_t length, std::string &lineCarry,
             commandLines.back().append(chunk + position, end - position);
             lineCarry.clear();
         }
-        Log() << "Sso: Extracted message: '" << commandLines.back() << "'"
-              << ".\n";
+        Log() << "Sso: Extracted message: '" << commandLines.back() << "'.\n";
         position = end + 1;
     }
 }
@@ -59,18 +59,16 @@ std::vector<std::string> split(std::string const &message) {
 }
 
 void execute(std::vector<std::string> const &command, SsoWorkerInfo const &info) {
-    Log() << "Sso: Worker thread " << info.threadId << " is executing command."
-          << ".\n";
+    Log() << "Sso: Worker thread " << info.threadId << " is executing command..\n";
     char *reply = nullptr;
     if (!command[0].empty()) {
-        Log() << "Sso: Execute command: '" << command[0] << "'"
-              << ".\n";
+        Log() << "Sso: Execute command: '" << command[0] << "'.\n";
         try {
             reply = SsoCommands::execute(command);
         } catch (std::exception const &error) {
             // Last line of defence: one bad command must never take the worker down.
-            Log() << "Sso: ERROR! Command '" << command[0] << "' failed: '" << error.what() << "'"
-                  << ".\n";
+            Log() << "Sso: ERROR! Command '" << command[0] << "' failed: '" << error.what()
+                  << "'.\n";
             reply = nullptr;
         }
     }
@@ -78,8 +76,7 @@ void execute(std::vector<std::string> const &command, SsoWorkerInfo const &info)
         // Also the road of every login flow that started well: its reply comes with a later
         // drain, so this line is only a trace there.
         Log() << "Sso: ERROR! Worker thread " << info.threadId
-              << " got nullptr result. Writing abort"
-              << ".\n";
+              << " got nullptr result. Writing abort.\n";
         return;
     }
     Log() << "Sso: Worker thread " << info.threadId << " is writing result: " << reply << " to FD#"
@@ -104,7 +101,7 @@ void *loop(void *argument) {
     for (;;) {
         int ready = Io::wait(info.internalReadFd, info.ioFd, kWaitMilliseconds);
         TimedOperations();
-        // Background transfers are advanced here once the flow engine exists.
+        CurlRequest::getNetwork().perform();
         SsoCommands::drainCompletedFlows(info.ioFd);
 
         if (ready == 0) {
@@ -113,12 +110,10 @@ void *loop(void *argument) {
         if (ready < 0) {
             break;
         }
-        Log() << "Sso: Worker thread " << info.threadId << " received event from waiter"
-              << ".\n";
+        Log() << "Sso: Worker thread " << info.threadId << " received event from waiter.\n";
         if (ready == 1 || ready == 3) {
             // A stop request wins over pending input.
-            Log() << "Sso: Worker thread " << info.threadId << " received exit message"
-                  << ".\n";
+            Log() << "Sso: Worker thread " << info.threadId << " received exit message.\n";
             break;
         }
         if (ready != 2) {
@@ -132,15 +127,13 @@ void *loop(void *argument) {
         Log() << "Sso: Worker thread " << info.threadId << " readed " << count << " bytes from FD#"
               << info.ioFd << ".\n";
         if (count == 0) {
-            Log() << "Sso: WARNING! Worker thread " << info.threadId << " reaches EOF"
-                  << ".\n";
+            Log() << "Sso: WARNING! Worker thread " << info.threadId << " reaches EOF.\n";
             break;
         }
         if (count < 0) {
             if (readError == EINTR) {
                 Log() << "Sso: ERROR! Worker thread " << info.threadId
-                      << " got signal interrupt. Waiting for other event"
-                      << ".\n";
+                      << " got signal interrupt. Waiting for other event.\n";
                 continue;
             }
             Log() << "Sso: ERROR! Worker thread " << info.threadId
@@ -162,8 +155,7 @@ void *loop(void *argument) {
         for (auto const &message : commandLines) {
             commandList.push_back(split(message));
             for (auto const &element : commandList.back()) {
-                Log() << "Sso: Extracted command element: '" << element << "'"
-                      << ".\n";
+                Log() << "Sso: Extracted command element: '" << element << "'.\n";
             }
         }
         for (auto const &command : commandList) {

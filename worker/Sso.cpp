@@ -1,6 +1,9 @@
+#include "actions/SsoActions.h"
 #include "platform/Io.h"
 #include "platform/Log.h"
 #include "platform/Thread.h"
+#include "server/SsoServer.h"
+#include "transport/CurlRequest.h"
 #include "worker/SsoWorkerInfo.h"
 #include "worker/libqxss.h"
 
@@ -29,58 +32,53 @@ void closePipe(int readFd, int writeFd) {
 int SsoInitialize(int fd) {
     Log() << "Sso: Initialization received FD#" << fd << ".\n";
     if (workerInfo.threadHandle != kNoThread) {
-        Log() << "Sso: ERROR! Worker thread was created"
-              << ".\n";
+        Log() << "Sso: ERROR! Worker thread was created.\n";
         return -1;
     }
-    Log() << "Sso: Creating internal pipe"
-          << ".\n";
+    Log() << "Sso: Creating internal pipe.\n";
     int fds[2] = {-1, -1};
     if (Io::pipe(fds, 0, 65536) == -1) {
-        Log() << "Sso: ERROR! Can't create internal pipe"
-              << ".\n";
+        Log() << "Sso: ERROR! Can't create internal pipe.\n";
         return -1;
     }
     Log() << "Sso: Internal pipe read FD#" << fds[0] << " write FD#" << fds[1] << ".\n";
-    Log() << "Sso: Initializing sso environment"
-          << ".\n";
-    // Engine start-up goes here once the action layer exists.
+    Log() << "Sso: Initializing sso environment.\n";
+    if (SsoActions::initialize() != 0) {
+        Log() << "Sso: ERROR! Can't initialize sso environment.\n";
+        closePipe(fds[0], fds[1]);
+        return -1;
+    }
     Io::adopt(fd);
     workerInfo.internalReadFd = fds[0];
     workerInfo.internalWriteFd = fds[1];
     workerInfo.ioFd = fd;
-    Log() << "Sso: Creating worker thread"
-          << ".\n";
+    Log() << "Sso: Creating worker thread.\n";
     if (ThreadCreate(&workerInfo.threadHandle, &workerInfo.threadId, loop, &workerInfo) == 1) {
         Log() << "Sso: Thread " << workerInfo.threadId << " created with I/O FD#" << workerInfo.ioFd
               << " internal FD#" << workerInfo.internalReadFd << " and FD#"
               << workerInfo.internalWriteFd << ".\n";
         return 0;
     }
-    Log() << "Sso: ERROR! Can't create worker thread"
-          << ".\n";
+    Log() << "Sso: ERROR! Can't create worker thread.\n";
     closePipe(fds[0], fds[1]);
     clearWorkerInfo();
-    Log() << "Sso: Destroying sso environment"
-          << ".\n";
+    Log() << "Sso: Destroying sso environment.\n";
+    SsoActions::destroy();
     return -1;
 }
 
 void SsoDestroy() {
     if (workerInfo.threadHandle == kNoThread) {
-        Log() << "Sso: WARNING! Worker thread was not created"
-              << ".\n";
+        Log() << "Sso: WARNING! Worker thread was not created.\n";
         return;
     }
     Log() << "Sso: Worker thread ID is " << workerInfo.threadId << ".\n";
     Log() << "Sso: Writing " << 4 << " bytes on FD#" << workerInfo.internalWriteFd
-          << " to stop thread"
-          << ".\n";
+          << " to stop thread.\n";
     // The worker wakes on the pipe's readability and never reads these bytes.
     int32_t stop = 1;
     Io::fds_[workerInfo.internalWriteFd].write(&stop, sizeof stop);
-    Log() << "Sso: Waiting for thread  " << workerInfo.threadId << " to end"
-          << ".\n";
+    Log() << "Sso: Waiting for thread  " << workerInfo.threadId << " to end.\n";
     void *result = nullptr;
     ThreadJoin(workerInfo.threadHandle, &result);
     Log() << "Sso: Closing thread  " << workerInfo.threadId << " FD#" << workerInfo.internalReadFd
@@ -90,19 +88,19 @@ void SsoDestroy() {
     Io::close(workerInfo.internalReadFd);
     Io::close(workerInfo.internalWriteFd);
     clearWorkerInfo();
-    Log() << "Sso: Destroying sso environment"
-          << ".\n";
+    Log() << "Sso: Destroying sso environment.\n";
+    SsoActions::destroy();
 }
 
 void TimedOperations() {
     int32_t next = ticks + 1;
     ticks = next;
     if (next % 6000 == 0) {
-        // Spare transfer handles are swept here once the transport exists.
+        CurlRequest::getNetwork().cleanupDynamicHandlers();
         return;
     }
     if (next > 29999) {
-        // Aged refresh records are cleaned here once the token stores exist.
+        SsoServer::getServer().cleanTokens();
         ticks = 0;
     }
 }

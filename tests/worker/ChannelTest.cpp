@@ -1,5 +1,6 @@
 // The command channel as a host sees it: framing, splitting and the no-reply road.
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
 
 #include <gtest/gtest.h>
@@ -64,7 +65,10 @@ TEST_F(ChannelTest, MessagesSplitOverTwoChunksAreJoined) {
     EXPECT_TRUE(log.hasInOrder({"Sso: Extracted command element: 'SSO_GET_CONFIG'.\n",
                                 "Sso: Extracted command element: '0'.\n",
                                 "Sso: Extracted command element: 'abc'.\n"}));
-    EXPECT_EQ(host.readFor(100), "");
+    // On a node both are answered: the load succeeds with nothing to load, and a client
+    // configuration is refused.
+    EXPECT_EQ(host.readLine(), "SSO_LOAD_CONFIGS_OK\n");
+    EXPECT_EQ(host.readLine(), "SSO_GET_CONFIG_FAILURE|abc\n");
 }
 
 TEST_F(ChannelTest, AMessageOverThreeChunksKeepsOnlyItsLastTwoPieces) {

@@ -1,5 +1,6 @@
 // Starting and stopping the worker, and its ends other than the stop message.
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
 #include "worker/libqxss.h"
 
@@ -12,6 +13,16 @@
 #include <thread>
 
 namespace {
+
+// Every worker test runs on a node unless it says otherwise.
+class NodeEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override { TestMachine::node(); }
+    void TearDown() override { TestMachine::reset(); }
+};
+
+::testing::Environment *const nodeEnvironment =
+    ::testing::AddGlobalTestEnvironment(new NodeEnvironment);
 
 // "Sso: Internal pipe read FD#<r> write FD#<w>.\n" -> {r, w}
 std::pair<int, int> pipeNumbers(LogCapture const &log) {

@@ -1,0 +1,139 @@
+#include "actions/SsoActions.h"
+
+#include "platform/Log.h"
+#include "platform/Strings.h"
+#include "server/SsoServer.h"
+#include "support/SsoUtils.h"
+#include "transport/CurlRequest.h"
+
+namespace {
+
+// The guards treat every machine type but node (1) as allowed, "not set" included.
+bool isNode() {
+    return SsoServer::getServer().machineType == 1;
+}
+
+char const *orNil(char const *text) {
+    return text ? text : "nil";
+}
+
+}  // namespace
+
+int SsoActions::initialize() {
+    Log() << "SsoActions: Start initializing sso environment.\n";
+    SsoServer &server = SsoServer::getServer();
+    if (!server.setConfigPath()) {
+        Log() << "SsoActions: ERROR! Set configuration path failed.\n";
+        return -1;
+    }
+    if (!server.setMachineType()) {
+        Log() << "SsoActions: ERROR! Set machine type failed.\n";
+        return -1;
+    }
+    Log() << "SsoActions: Initializing CurlRequest.\n";
+    if (!CurlRequest::getNetwork().init(3)) {
+        Log() << "SsoActions: ERROR! CurlRequest initialization failed.\n";
+        return -1;
+    }
+    Log() << "SsoActions: CurlRequest initialized successfully.\n";
+    Log() << "SsoActions: Finish initializing sso environment.\n";
+    return 0;
+}
+
+int SsoActions::loadConfigs() {
+    Log() << "SsoActions: Start loading configuration.\n";
+    if (isNode()) {
+        Log() << "SsoActions: WARNING! Machine type is node. Skip loading configs.\n";
+        return 0;
+    }
+    SsoServer &server = SsoServer::getServer();
+    if (!server.loadConfigsJson()) {
+        Log() << "SsoActions: ERROR! Loading configuration file failed.\n";
+        return -1;
+    }
+    // Handlers come before the metadata requests, so the pool exists for every provider that
+    // the file names, whatever discovery then makes of it.
+    Log() << "SsoActions: Setting up CurlRequest handlers for each config.\n";
+    CurlRequest &network = CurlRequest::getNetwork();
+    for (size_t index = 0; index < server.configs.size(); ++index) {
+        if (!network.setupHandlersForConfig(static_cast<int>(index), 5)) {
+            Log() << "SsoActions: WARNING! Setting up handlers for config " << index
+                  << " failed.\n";
+        }
+    }
+    if (!server.loadConfigsMetadata()) {
+        Log() << "SsoActions: ERROR! Loading configuration metadata failed.\n";
+        server.clearConfigs();
+        return -2;
+    }
+    Log() << "SsoActions: Finish loading configuration.\n";
+    return 0;
+}
+
+char *SsoActions::getUserLoginOptions() {
+    Log() << "SsoActions: Sending user login options.\n";
+    if (isNode()) {
+        Log() << "SsoActions: WARNING! Machine type is node. User login options"
+              << " does not exist.\n";
+        return nullptr;
+    }
+    char *options = SsoServer::getServer().getLoginOptions();
+    if (options == nullptr) {
+        Log() << "SsoActions: ERROR! Loading user login options failed.\n";
+    }
+    return options;
+}
+
+char *SsoActions::getUserSession() {
+    Log() << "SsoActions: Get user session.\n";
+    std::string session = getRandomAsciiString(32);
+    if (session.empty()) {
+        Log() << "SsoActions: ERROR! User session generation failed.\n";
+        return nullptr;
+    }
+    char *copy = nullptr;
+    if (StringInit(copy, session.c_str()) == nullptr) {
+        Log() << "SsoActions: ERROR! Memory allocation failed.\n";
+        return nullptr;
+    }
+    return copy;
+}
+
+char *SsoActions::getClientConfig(unsigned int id, char const *session, char const *clusterIp) {
+    if (isNode()) {
+        Log() << "SsoActions: WARNING! Machine type is node. Can not get config based on"
+              << " user login option id.\n";
+        return nullptr;
+    }
+    Log() << "SsoActions: Start get config. Received user login option id: " << id
+          << " user session: '" << orNil(session) << "'"
+          << " and cluster IP (optional): '" << orNil(clusterIp) << "'.\n";
+    char *config = SsoServer::getServer().getClientConfig(id, session, clusterIp);
+    if (config == nullptr) {
+        Log() << "SsoActions: ERROR! Get config failed.\n";
+    }
+    return config;
+}
+
+char *SsoActions::getNodeConfig(char const *session) {
+    if (isNode()) {
+        Log() << "SsoActions: WARNING! Machine type is node. Can not get"
+              << " node config.\n";
+        return nullptr;
+    }
+    Log() << "SsoActions: Start get node config. Received user session: '" << orNil(session)
+          << "'.\n";
+    char *config = SsoServer::getServer().getNodeConfig(session ? session : "");
+    if (config == nullptr) {
+        Log() << "SsoActions: ERROR! Get node config failed.\n";
+    }
+    return config;
+}
+
+void SsoActions::destroy() {
+    Log() << "SsoActions: Start destroying sso environment.\n";
+    // The transport goes first, so that no transfer can touch a configuration being freed.
+    CurlRequest::getNetwork().cleanUp();
+    SsoServer::getServer().clearConfigs();
+    Log() << "SsoActions: Finish destroying sso environment.\n";
+}

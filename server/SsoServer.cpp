@@ -1,0 +1,90 @@
+#include "server/SsoServer.h"
+
+#include "platform/Files.h"
+#include "platform/Log.h"
+#include "server/SsoServerConfig.h"
+
+#include <initializer_list>
+
+#ifndef QXSS_SECOND_CONFIG_DIR
+#define QXSS_SECOND_CONFIG_DIR ""
+#endif
+
+namespace {
+
+char const kFirstConfigDir[] = "/usr/QX/etc";
+// Empty in production builds; test builds name a directory of their own.
+char const kSecondConfigDir[] = QXSS_SECOND_CONFIG_DIR;
+
+}  // namespace
+
+SsoServer &SsoServer::getServer() {
+    static SsoServer server;
+    return server;
+}
+
+SsoServer::SsoServer() {
+    Log() << "SsoServer: Server constructor.\n";
+}
+
+SsoServer::~SsoServer() {
+    Log() << "SsoServer: Server destructor.\n";
+    clearConfigs();
+}
+
+bool SsoServer::setConfigPath() {
+    for (char const *candidate : {kFirstConfigDir, kSecondConfigDir}) {
+        if (*candidate != '\0' && FileIsEntity(candidate) == 1) {
+            configPath = candidate;
+            Log() << "SsoServer: Set config path to: '" << configPath << "'\n";
+            return true;
+        }
+    }
+    Log() << "SsoServer: ERROR! Can't set config path.\n";
+    return false;
+}
+
+bool SsoServer::setMachineType() {
+    if (configPath.empty()) {
+        Log() << "SsoServer: ERROR! Can't set machine type. Config path is empty.\n";
+        return false;
+    }
+    std::string file = configPath + "/sso.cfg";
+    int exists = FileIsEntity(file.c_str());
+    if (exists == 0) {
+        Log() << "SsoServer: File '" << file << "' doesn't exist. Machine type set to 'node'.\n";
+        machineType = 1;
+        // A node keeps no configuration at all.
+        configPath.clear();
+        reserved.clear();
+        loginOptions.clear();
+        for (SsoServerConfig *config : configs) {
+            delete config;
+        }
+        configs.clear();
+        authzInfoBySession.clear();
+        refreshInfoBySession.clear();
+        return true;
+    }
+    if (exists == -1) {
+        Log() << "SsoServer: ERROR! Can't set machine type. No access to file: '" << file << "'\n";
+        machineType = -1;
+        return false;
+    }
+    Log() << "SsoServer: File '" << file << "' exist. Machine type set to 'server'.\n";
+    machineType = 0;
+    return true;
+}
+
+void SsoServer::clearConfigs() {
+    Log() << "SsoServer: Cleaning server configs.\n";
+    for (SsoServerConfig *&config : configs) {
+        delete config;
+        config = nullptr;
+    }
+    configs.clear();
+    authzInfoBySession.clear();
+    refreshInfoBySession.clear();
+    loginOptions.clear();
+    reserved.clear();
+}
