@@ -26,7 +26,9 @@ std::string TestMachine::configDir() {
     return directory;
 }
 
-std::string TestMachine::configFile() { return configDir() + "/sso.cfg"; }
+std::string TestMachine::configFile() {
+    return configDir() + "/sso.cfg";
+}
 
 void TestMachine::node() {
     hideFirstCandidate();
@@ -45,4 +47,6 @@ void TestMachine::noConfigDir() {
     rmdir(configDir().c_str());
 }
 
-void TestMachine::reset() { PlatformFakes::reset(); }
+void TestMachine::reset() {
+    PlatformFakes::reset();
+}

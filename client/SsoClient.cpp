@@ -1,0 +1,138 @@
+#include "client/SsoClient.h"
+
+#include "client/SsoClientConfigOAuth.h"
+#include "platform/Log.h"
+#include "platform/Strings.h"
+#include "platform/Url.h"
+
+#include <json/value.h>
+
+namespace {
+
+char const kGraphScope[] = "https://graph.microsoft.com/User.Read";
+
+}  // namespace
+
+SsoClient::SsoClient() {
+    Log() << "Sso: Client constructor.\n";
+}
+
+SsoClient::~SsoClient() {
+    Log() << "Sso: Client destructor.\n";
+    removeConfig();
+}
+
+bool SsoClient::setConfig(std::string const &configData, std::string const &state,
+                          std::string const &nonce) {
+    if (config) {
+        Log() << "Sso: ERROR! Client config exist. Can't create another one.\n";
+        return false;
+    }
+    if (loginType != 0) {
+        Log() << "Sso: ERROR! Unknown login type is set.\n";
+        return false;
+    }
+    config.reset(new SsoClientConfigOAuth());
+    if (!config->setConfigData(configData)) {
+        Log() << "Sso: ERROR! Set configuration data for client OAuth"
+              << " config failed.\n";
+        return false;
+    }
+    if (!config->setSessionData(state, nonce)) {
+        Log() << "Sso: ERROR! Set session data for client OAuth"
+              << " config failed.\n";
+        return false;
+    }
+    return true;
+}
+
+void SsoClient::removeConfig() {
+    if (config) {
+        Log() << "Sso: Removing current client config.\n";
+        config.reset();
+    }
+}
+
+std::string SsoClient::buildQueryString(char const *codeChallenge) {
+    Log() << "Sso: Start building query string for client.\n";
+    // A JSON object keeps its members sorted by key, which gives the parameters their order.
+    Json::Value parameters(Json::objectValue);
+    parameters["response_type"] = "code";
+    parameters["client_id"] = config->clientId;
+    parameters["redirect_uri"] = config->redirectUri;
+    parameters["scope"] = "openid email profile";
+    parameters["state"] = config->state;
+    parameters["nonce"] = config->nonce;
+    parameters["code_challenge"] = codeChallenge;
+    parameters["code_challenge_method"] = "S256";
+
+    std::string const &provider = config->provider;
+    if (provider == "microsoft") {
+        Log() << "Sso: Provider is microsoft.\n";
+        parameters["scope"] = parameters["scope"].asString() + " offline_access " + kGraphScope;
+        parameters["response_mode"] = "query";
+    } else if (provider == "okta") {
+        Log() << "Sso: Provider is okta.\n";
+        parameters["scope"] = parameters["scope"].asString() + " offline_access";
+        parameters["response_mode"] = "query";
+    } else if (provider == "google") {
+        Log() << "Sso: Provider is google.\n";
+        parameters["access_type"] = "offline";
+    } else if (provider == "keycloak") {
+        Log() << "Sso: Provider is keycloak.\n";
+    } else {
+        Log() << "Sso: Provider unknown.\n";
+    }
+
+    if (!config->promptType.empty()) {
+        // "none" is logged but sends no prompt at all.
+        if (config->promptType != "none") {
+            parameters["prompt"] = config->promptType;
+        }
+        Log() << "Sso: Prompt type set to: '" << config->promptType << "'"
+              << " for query string.\n";
+    }
+
+    std::string query;
+    query.reserve(400);
+    for (auto member = parameters.begin(); member != parameters.end(); ++member) {
+        if (!query.empty()) {
+            query += "&";
+        }
+        char *encoded = UrlEncode(member->asString().c_str());
+        query += member.name();
+        query += "=";
+        query += encoded;
+        delete[] encoded;
+    }
+    Log() << "Sso: Finish building query string for client."
+          << " Result is:'" << query << "'.\n";
+    return query;
+}
+
+std::string SsoClient::buildUrl(char const *codeChallenge, char const *purpose) {
+    Log() << "Sso: Received OAuthPkce: " << codeChallenge << purpose << ".\n";
+    std::string query = buildQueryString(codeChallenge);
+    Log() << "Sso: Query string: " << query << purpose << ".\n";
+    // The "?" is added whatever the endpoint already holds.
+    return config->authUri + "?" + query;
+}
+
+int SsoClient::authRequest(char const *codeChallenge, void (*callback)(char const *)) {
+    std::string url = buildUrl(codeChallenge, " for authorization request");
+    Log() << "Sso: Return url: " << url << " to browser callback for authorization request.\n";
+    if (callback == nullptr) {
+        return -1;
+    }
+    callback(url.c_str());
+    return 0;
+}
+
+char *SsoClient::authUrl(char const *codeChallenge) {
+    std::string url = buildUrl(codeChallenge, " for authorization url");
+    Log() << "Sso: Request url: " << url << " for authorization url.\n";
+    char *copy = nullptr;
+    StringInit(copy, url.c_str(), url.size());
+    Log() << "Sso: Final result: " << copy << " for authorization url.\n";
+    return copy;
+}
