@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# A host doing a real login against a local identity provider: installs what is missing,
+# builds libqxss and the demo host, starts the provider on loopback, writes a configuration
+# file for it and runs examples/demo_host.c.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+build=build-demo
+etc="$PWD/$build/etc"
+cmake -S . -B "$build" -DQXSS_TESTS=OFF -DQXSS_BENCH=OFF -DQXSS_SECOND_CONFIG_DIR="$etc" >/dev/null
+cmake --build "$build" -j"$(nproc)" --target demo_host
+mkdir -p "$etc"
+
+out=$(mktemp)
+(cd tests/servers && exec node provider.js 0 >"$out" 2>/dev/null </dev/zero) &
+provider=$!
+trap 'kill $provider 2>/dev/null || true; rm -f "$out"' EXIT
+for _ in $(seq 100); do grep -q READY "$out" && break; sleep 0.1; done
+base=$(awk '/READY/ {print $2}' "$out")
+echo "local provider at $base"
+
+cat >"$etc/sso.cfg" <<CFG
+[
+  {
+    "name": "Demo", "desc": "Local demo provider", "type": "OAuth", "provider": "keycloak",
+    "config": {
+      "idp_domain": "$base",
+      "client_id": "qxss-client",
+      "client_secret": "qxss-secret",
+      "redirect_uris": ["http://127.0.0.1:18080/cb"],
+      "qx_user_type": "local"
+    }
+  }
+]
+CFG
+cd "$build"
+./demo_host "node $PWD/../tests/servers/login.js"
