@@ -57,3 +57,73 @@ TEST_F(SsoUtilsTest, FailingRandomSourceGivesEmpty) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SsoUtilsMoreTest, AlphabetBytesStayAndEveryCharacterIsFromTheAlphabet) {
+    std::string const alphabet =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
+    PlatformFakes::random() = [&](char *buffer, int length) {
+        for (int i = 0; i < length; ++i) {
+            buffer[i] = alphabet[static_cast<size_t>(i) % alphabet.size()];
+        }
+        return 1;
+    };
+    EXPECT_EQ(getRandomAsciiString(66), alphabet);
+    PlatformFakes::random() = [](char *buffer, int length) {
+        for (int i = 0; i < length; ++i) {
+            buffer[i] = static_cast<char>(i);
+        }
+        return 1;
+    };
+    std::string mapped = getRandomAsciiString(192);
+    EXPECT_EQ(mapped.find_first_not_of(alphabet), std::string::npos);
+    PlatformFakes::reset();
+    std::string real = getRandomAsciiString(192);
+    EXPECT_EQ(real.size(), 192u);
+    EXPECT_EQ(real.find_first_not_of(alphabet), std::string::npos);
+}
+
+TEST(SsoUtilsMoreTest, Base64OfClientCredentials) {
+    LogCapture log;
+    EXPECT_EQ(getBase64("qxss-client:qxss-secret"), "cXhzcy1jbGllbnQ6cXhzcy1zZWNyZXQ=");
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "SsoUtils: Received string for Base64 formatting: "
+                  "'qxss-client:qxss-secret' with length: 23.\n",
+                  "SsoUtils: Buffer size for Base64 formatting: 33.\n",
+                  "SsoUtils: Base64 string is: 'cXhzcy1jbGllbnQ6cXhzcy1zZWNyZXQ=' with "
+                  "length: 32.\n"}));
+    EXPECT_EQ(getBase64(""), "");
+}
+
+TEST(SsoUtilsMoreTest, HashForms) {
+    LogCapture log;
+    EXPECT_EQ(getHash("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "SsoUtils: Received 'abc' for SHA256 hashing.\n",
+                  "SsoUtils: SHA256 string is: "
+                  "'ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad'.\n"}));
+    log.clear();
+    EXPECT_EQ(getHash(nullptr), "");
+    EXPECT_EQ(getHashBase64Url(nullptr), "");
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "SsoUtils: Received 'nil' for SHA256 hashing.\n",
+                               "SsoUtils: Received 'nil' for Base64Url(SHA256) formatting.\n"}));
+}
+
+TEST(SsoUtilsMoreTest, Base64UrlReplacesPlusAndSlash) {
+    // SHA-256 of "a" in Base64 is "ypeBEsobvcr6wjGzmiPcTaeG7/gUfE5yuYB3ha/uSLs=".
+    LogCapture log;
+    EXPECT_EQ(getHashBase64Url("a"), "ypeBEsobvcr6wjGzmiPcTaeG7_gUfE5yuYB3ha_uSLs");
+    EXPECT_TRUE(
+        log.has("SsoUtils: Buffer: 'ypeBEsobvcr6wjGzmiPcTaeG7/gUfE5yuYB3ha/uSLs=' in "
+                "Base64(SHA256) format.\n"));
+    // And one with "+": SHA-256 of "b".
+    std::string b = getHashBase64Url("b");
+    EXPECT_EQ(b.find_first_of("+/="), std::string::npos);
+    EXPECT_EQ(b.size(), 43u);
+}
+
+}  // namespace
