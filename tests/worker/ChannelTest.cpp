@@ -151,6 +151,17 @@ TEST_F(ChannelTest, EmptyOrMissingArgumentsGetNoReplyWithoutFurtherMessage) {
     EXPECT_EQ(host.readFor(100), "");
 }
 
+TEST_F(ChannelTest, ABarInsideJsonSplitsIt) {
+    sendChunk("SSO_NODE_VERIFY|{\"k\":\"a|b\"}|session\n");
+    ASSERT_TRUE(log.waitForPiece(noReply));
+    EXPECT_TRUE(log.hasInOrder({"Sso: Extracted command element: 'SSO_NODE_VERIFY'.\n",
+                                "Sso: Extracted command element: '{\"k\":\"a'.\n",
+                                "Sso: Extracted command element: 'b\"}'.\n",
+                                "Sso: Extracted command element: 'session'.\n"}));
+    // Element 2, the "session", is a piece of the JSON.
+    EXPECT_TRUE(log.has("Sso: Command arguments: '{\"k\":\"a' ,'b\"}'.\n"));
+}
+
 TEST_F(ChannelTest, CarriedTextIsDroppedWhenTheWorkerEnds) {
     sendChunk("SSO_LOAD_CONFIGS");
     host.stop();

@@ -210,11 +210,26 @@ TEST(TimedOperationsTest, TicksCountTurnsAndWrapAfterTheTokenCleanup) {
     struct Row {
         int32_t before;
         int32_t after;
-    } const rows[] = {{5998, 5999}, {5999, 6000}, {6000, 6001}, {29999, 30000}, {30000, 0}, {0, 1}};
+        std::vector<std::string> lines;
+    } const rows[] = {
+        {5998, 5999, {}},
+        {5999, 6000, {"CurlRequest: Cleaning up handlers.\n"}},
+        {6000, 6001, {}},
+        {11999, 12000, {"CurlRequest: Cleaning up handlers.\n"}},
+        // 30000 is a multiple of 6000: handlers only, and the count goes on.
+        {29999, 30000, {"CurlRequest: Cleaning up handlers.\n"}},
+        {30000,
+         0,
+         {"SsoServer: Clearing up old tokens.\n",
+          "SsoServer: Token cleanup complete. Remaining tokens: 0.\n"}},
+        {0, 1, {}},
+    };
     for (auto const &row : rows) {
+        LogCapture log;
         ticks = row.before;
         TimedOperations();
         EXPECT_EQ(ticks, row.after) << "from " << row.before;
+        EXPECT_EQ(log.lines(), row.lines) << "from " << row.before;
     }
     ticks = 0;
 }
