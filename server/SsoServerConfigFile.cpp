@@ -170,7 +170,7 @@ bool SsoServer::loadConfigsJson() {
         Log() << "SsoServer: ERROR! Can't load configure. Parsing string to JSON object failed.\n";
         return false;
     }
-    if (root.isNull() || ((root.isArray() || root.isObject()) && root.empty())) {
+    if (root.empty()) {
         Log() << "SsoServer: ERROR! Can't load configure. JSON object is empty.\n";
         return false;
     }

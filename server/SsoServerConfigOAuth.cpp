@@ -19,10 +19,6 @@ Json::Value const &member(Json::Value const &value, char const *key) {
     return value[key];
 }
 
-bool isEmptyValue(Json::Value const &value) {
-    return value.isNull() || ((value.isArray() || value.isObject()) && value.empty());
-}
-
 }  // namespace
 
 SsoServerConfigOAuth::SsoServerConfigOAuth() {
@@ -34,7 +30,7 @@ SsoServerConfigOAuth::~SsoServerConfigOAuth() {
 }
 
 void SsoServerConfigOAuth::setConfigData(Json::Value const &entry) {
-    if (isEmptyValue(entry)) {
+    if (entry.empty()) {
         Log() << "SsoServerConfigOAuth: ERROR! Config as JSON object is empty.\n";
         return;
     }
@@ -105,7 +101,7 @@ int32_t SsoServerConfigOAuth::setMetadata(std::string const &response) {
         Log() << "SsoServerConfigOAuth: ERROR! Parsing metadata response to JSON failed.\n";
         return -1;
     }
-    if (isEmptyValue(document)) {
+    if (document.empty()) {
         Log() << "SsoServerConfigOAuth: ERROR! Metadata response is empty.\n";
         return -1;
     }

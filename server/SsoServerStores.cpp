@@ -28,6 +28,22 @@ bool consume(std::unordered_map<std::string, Info> &store, std::string const &se
     return true;
 }
 
+// Puts back a record the worker popped for a flow that could not start, overwriting; a
+// refresh record keeps its savedAt, so a restore does not renew its age.
+template <typename Info>
+bool restore(std::unordered_map<std::string, Info> &store, std::string const &session,
+             Info const &info, char const *kind, char const *keyName, char const *sizeWord) {
+    Log() << "SsoServer: Push OAuth " << kind << " info for user session: '" << session << "'"
+          << " (failover restore)\n";
+    if (session.empty()) {
+        Log() << "SsoServer: ERROR! " << keyName << " is empty.\n";
+        return false;
+    }
+    store[session] = info;
+    Log() << "SsoServer: " << sizeWord << " info restored. Size: " << store.size() << ".\n";
+    return true;
+}
+
 }  // namespace
 
 bool SsoServer::getOAuthAuthzInfo(std::string const &session, OAuthAuthzInfo &info) {
@@ -40,15 +56,7 @@ bool SsoServer::popOAuthAuthzInfo(std::string const &session, OAuthAuthzInfo &in
 }
 
 bool SsoServer::pushOAuthAuthzInfo(std::string const &session, OAuthAuthzInfo const &info) {
-    Log() << "SsoServer: Push OAuth authz info for user session: '" << session << "'"
-          << " (failover restore)\n";
-    if (session.empty()) {
-        Log() << "SsoServer: ERROR! User session is empty.\n";
-        return false;
-    }
-    authzInfoBySession[session] = info;
-    Log() << "SsoServer: Login info restored. Size: " << authzInfoBySession.size() << ".\n";
-    return true;
+    return restore(authzInfoBySession, session, info, "authz", "User session", "Login");
 }
 
 bool SsoServer::getOAuthRefreshInfo(std::string const &session, OAuthRefreshInfo &info) {
@@ -61,16 +69,7 @@ bool SsoServer::popOAuthRefreshInfo(std::string const &session, OAuthRefreshInfo
 }
 
 bool SsoServer::pushOAuthRefreshInfo(std::string const &session, OAuthRefreshInfo const &info) {
-    Log() << "SsoServer: Push OAuth refresh info for user session: '" << session << "'"
-          << " (failover restore)\n";
-    if (session.empty()) {
-        Log() << "SsoServer: ERROR! Session token is empty.\n";
-        return false;
-    }
-    // savedAt travels as it is: a restore does not renew the record's age.
-    refreshInfoBySession[session] = info;
-    Log() << "SsoServer: Refresh info restored. Size: " << refreshInfoBySession.size() << ".\n";
-    return true;
+    return restore(refreshInfoBySession, session, info, "refresh", "Session token", "Refresh");
 }
 
 bool SsoServer::validateOAuthTokens(OAuthTokens const &tokens) const {

@@ -30,7 +30,9 @@ bool SsoServer::cleanTokens() {
         int64_t age = now - info.savedAt;
         if (limit < age) {
             Log() << "SsoServer: Removing expired refresh token for session: '" << entry->first
-                  << "'" << " (age: " << age << "s, limit: " << limit << "s)" << ".\n";
+                  << "'"
+                  << " (age: " << age << "s, limit: " << limit << "s)"
+                  << ".\n";
             entry = refreshInfoBySession.erase(entry);
             continue;
         }

@@ -41,10 +41,6 @@ bool parse(char const *text, size_t length, Json::Value &target) {
     return true;
 }
 
-bool isEmptyValue(Json::Value const &value) {
-    return value.isNull() || ((value.isArray() || value.isObject()) && value.empty());
-}
-
 }  // namespace
 
 void print(Json::Value const &value) {
@@ -130,7 +126,7 @@ bool readFile(char const *path, Json::Value &target) {
 }
 
 bool writeString(Json::Value const &value, std::string &target) {
-    if (isEmptyValue(value)) {
+    if (value.empty()) {
         Log() << "SsoJson: ERROR! Source JSON object is empty.\n";
         return false;
     }

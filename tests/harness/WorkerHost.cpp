@@ -44,6 +44,26 @@ void WorkerHost::send(std::string const &text) const {
     }
 }
 
+bool WorkerHost::receive(std::chrono::steady_clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    deadline - std::chrono::steady_clock::now())
+                    .count();
+    if (left <= 0 || hostFd < 0) {
+        return false;
+    }
+    struct pollfd polled = {hostFd, POLLIN, 0};
+    if (::poll(&polled, 1, static_cast<int>(left)) <= 0) {
+        return true;
+    }
+    char buffer[8192];
+    ssize_t got = ::read(hostFd, buffer, sizeof buffer);
+    if (got <= 0) {
+        return false;
+    }
+    pending_.append(buffer, static_cast<size_t>(got));
+    return true;
+}
+
 std::string WorkerHost::readLine(int ms) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     for (;;) {
@@ -53,47 +73,19 @@ std::string WorkerHost::readLine(int ms) {
             pending_.erase(0, newline + 1);
             return line;
         }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0 || hostFd < 0) {
+        if (!receive(deadline)) {
             return std::string();
         }
-        struct pollfd polled = {hostFd, POLLIN, 0};
-        if (::poll(&polled, 1, static_cast<int>(left)) <= 0) {
-            continue;
-        }
-        char buffer[8192];
-        ssize_t got = ::read(hostFd, buffer, sizeof buffer);
-        if (got <= 0) {
-            return std::string();
-        }
-        pending_.append(buffer, static_cast<size_t>(got));
     }
 }
 
 std::string WorkerHost::readFor(int ms) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (receive(deadline)) {
+    }
     std::string all;
     all.swap(pending_);
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0 || hostFd < 0) {
-            return all;
-        }
-        struct pollfd polled = {hostFd, POLLIN, 0};
-        if (::poll(&polled, 1, static_cast<int>(left)) <= 0) {
-            continue;
-        }
-        char buffer[8192];
-        ssize_t got = ::read(hostFd, buffer, sizeof buffer);
-        if (got <= 0) {
-            return all;
-        }
-        all.append(buffer, static_cast<size_t>(got));
-    }
+    return all;
 }
 
 void WorkerHost::closeHostEnd() {

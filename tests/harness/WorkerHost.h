@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 
 // A host as tests need one: a socketpair whose library end is handed to SsoInitialize. The
@@ -29,5 +30,7 @@ public:
     bool started = false;
 
 private:
+    // Reads what arrives before `deadline` into pending_; false at the deadline or the end.
+    bool receive(std::chrono::steady_clock::time_point deadline);
     std::string pending_;
 };

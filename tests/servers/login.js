@@ -7,7 +7,11 @@ const [authUrl, user = 'alice'] = process.argv.slice(2);
 const jar = new Map();
 
 function remember(response) {
-  for (const line of response.headers.getSetCookie?.() || []) {
+  // Older Node versions lack getSetCookie: split the joined header at each new cookie.
+  const lines = response.headers.getSetCookie
+    ? response.headers.getSetCookie()
+    : (response.headers.get('set-cookie') || '').split(/,(?=\s*[^;=\s]+=)/).filter(Boolean);
+  for (const line of lines) {
     const [pair] = line.split(';');
     const eq = pair.indexOf('=');
     jar.set(pair.slice(0, eq).trim(), pair.slice(eq + 1));
