@@ -84,6 +84,23 @@ TEST_F(ServerActionsTest, ServerLoadsItsConfiguration) {
     SsoFreeString(options);
 }
 
+TEST_F(ServerActionsTest, EveryProviderKindLoadsAgainstTheLocalProvider) {
+    auto &provider = LocalProvider::shared();
+    ASSERT_TRUE(provider.ready()) << provider.error;
+    std::string base = provider.baseUrl();
+    ASSERT_EQ(
+        startServer("[" + entry("M", "microsoft", base) + "," + entry("O", "okta", base) + "," +
+                    entry("G", "google", base) + "," + entry("K", "keycloak", base) + "]"),
+        "SSO_LOAD_CONFIGS_OK\n");
+    EXPECT_EQ(SsoServer::getServer().configs.size(), 4u);
+    EXPECT_EQ(
+        log.count("SsoServer: Metadata URL is: '" + base + "/.well-known/openid-configuration'.\n"),
+        3u);
+    EXPECT_EQ(log.count("SsoServer: Metadata URL is: '" + base +
+                        "/v2.0/.well-known/openid-configuration'.\n"),
+              1u);
+}
+
 TEST_F(ServerActionsTest, BadFileFailsTheLoad) {
     EXPECT_EQ(startServer("[{\"name\":1}]"), "SSO_LOAD_CONFIGS_FAILURE\n");
     EXPECT_TRUE(log.has("SsoActions: ERROR! Loading configuration file failed.\n"));
