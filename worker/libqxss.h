@@ -22,7 +22,8 @@ extern "C" {
 
 /* Starts the worker thread on `fd`, a descriptor the host keeps owning (the library never closes
  * it). Returns 0 on success, -1 on failure (also while a worker exists, until SsoDestroy). Host's
- * thread; not concurrently with SsoDestroy. */
+ * thread; not concurrently with SsoDestroy. Call SsoDestroy before the process exits, also when
+ * the worker ended by itself (end of file on `fd`). */
 QXSS_EXPORT int SsoInitialize(int fd);
 
 /* Stops the worker, waits for it, and tears everything down. Safe without a worker (it only
