@@ -10,7 +10,13 @@ std::function<int(char const *)> &PlatformFakes::fileExists() {
     return hook;
 }
 
+std::function<int64_t()> &PlatformFakes::clock() {
+    static std::function<int64_t()> hook;
+    return hook;
+}
+
 void PlatformFakes::reset() {
+    clock() = nullptr;
     random() = nullptr;
     fileExists() = nullptr;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 
 // Test-only seams at the platform boundary. Production code never sets them; when a hook is
@@ -13,6 +14,9 @@ public:
     // Answers file-existence questions for FileIsEntity and FileAccess: return 1 (exists),
     // 0 (does not exist), -1 (no access), or any other value to let the system answer.
     static std::function<int(char const *path)> &fileExists();
+
+    // Replaces the clock of ClockSeconds and ClockTimeOfDaySeconds: seconds since the epoch.
+    static std::function<int64_t()> &clock();
 
     // Clears every hook.
     static void reset();

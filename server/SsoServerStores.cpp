@@ -3,7 +3,7 @@
 #include "server/SsoServerConfig.h"
 #include "server/SsoServerConfigOAuth.h"
 
-#include <ctime>
+#include "platform/Clock.h"
 
 namespace {
 
@@ -112,7 +112,7 @@ bool SsoServer::validateOAuthRefreshInfo(OAuthRefreshInfo const &info) const {
     auto const *config = static_cast<SsoServerConfigOAuth const *>(configs[info.configId]);
     int64_t limit =
         config->refreshLifetime == 0 ? kDefaultRefreshLifetime : config->refreshLifetime;
-    int64_t age = static_cast<int64_t>(std::time(nullptr)) - info.savedAt;
+    int64_t age = ClockSeconds() - info.savedAt;
     if (age > limit) {
         Log() << "SsoServer: ERROR! Information is expired. Time limit was" << limit
               << "s, but passed: " << age << "s.\n";

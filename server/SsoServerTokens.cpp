@@ -2,12 +2,12 @@
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
 
-#include <ctime>
+#include "platform/Clock.h"
 #include <vector>
 
 bool SsoServer::cleanTokens() {
     Log() << "SsoServer: Clearing up old tokens.\n";
-    int64_t now = static_cast<int64_t>(std::time(nullptr));
+    int64_t now = ClockSeconds();
     // A null slot is left out of the list without a hole, so later records then measure
     // against their neighbour's limit; records are looked up by configId all the same.
     std::vector<SsoServerConfigOAuth *> listed;
