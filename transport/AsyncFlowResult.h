@@ -10,5 +10,5 @@ struct AsyncFlowResult {
     bool success = false;
     std::string data;  // the user token on success
     std::string errorMessage;
-    long httpCode = 0;
+    int32_t httpCode = 0;
 };

@@ -1,3 +1,6 @@
+// CurlRequest, lower half: life cycle, the handle pool, the transfer setters and the blocking
+// request of discovery.
+
 #include "transport/CurlRequest.h"
 
 #include "platform/Files.h"
@@ -125,7 +128,12 @@ void CurlRequest::cleanUp() {
 }
 
 bool CurlRequest::createHandler(int32_t configId, bool isDynamic) {
-    CURL *handle = curl_easy_init();
+    CURL *handle = nullptr;
+    if (failHandlerCreations > 0) {
+        --failHandlerCreations;
+    } else {
+        handle = curl_easy_init();
+    }
     if (handle == nullptr) {
         Log() << "CurlRequest: ERROR! Failed to create handler.\n";
         return false;
@@ -203,7 +211,8 @@ void CurlRequest::cleanupDynamicHandlers() {
 }
 
 bool CurlRequest::setOptions(void *handle, httpMethod method) {
-    if (handle == nullptr) {
+    // Without a buffer libcurl would write its messages through a null pointer.
+    if (handle == nullptr || errorBuffer == nullptr) {
         return false;
     }
     if (curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorBuffer) != CURLE_OK ||
@@ -346,6 +355,11 @@ std::string CurlRequest::syncRequest(httpMethod method, char const *url,
         return std::string();
     }
     CURL *easy = handle.get();
+    if (errorBuffer == nullptr) {
+        // Only a failed allocation at start leaves no buffer; libcurl must not write into null.
+        Log() << "CurlRequest: ERROR! Failed to create sync request handler.\n";
+        return std::string();
+    }
     errorBuffer[0] = '\0';
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(easy, CURLOPT_DEFAULT_PROTOCOL, "https");
@@ -419,15 +433,4 @@ size_t CurlRequest::writeToString(void *bytes, size_t size, size_t count, void *
     size_t length = size * count;
     static_cast<std::string *>(user)->append(static_cast<char const *>(bytes), length);
     return length;
-}
-
-void CurlRequest::perform() {}
-
-bool CurlRequest::getCompletedFlow(AsyncFlowResult &result) {
-    if (completedFlows.empty()) {
-        return false;
-    }
-    result = completedFlows.front();
-    completedFlows.erase(completedFlows.begin());
-    return true;
 }

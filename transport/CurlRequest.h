@@ -12,10 +12,24 @@
 #include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
-// The process-wide transport: a pool of libcurl easy handles per provider configuration, the
-// setters that prepare a handle for one transfer, and the blocking request used for discovery.
+struct OAuthAuthzInfo;
+
+// Flow types and states of AsyncFlowContext.
+enum flowType { FlowVerify = 1, FlowRefresh = 2, FlowNodeVerify = 3 };
+enum flowState {
+    FlowStateCreated = 0,
+    FlowStateTokenExchange = 1,
+    FlowStateUserInfo = 2,
+    FlowStateRefresh = 3,
+};
+
+// The process-wide transport. Lower half: a pool of libcurl easy handles per provider
+// configuration, the setters that prepare a handle for one transfer, and the blocking request
+// used for discovery. Upper half: the flow engine, which runs the verify, refresh and node
+// verify flows as non-blocking transfers on one multi handle, advanced once per worker turn.
 // Reached through getNetwork(); used by the worker thread, and by the host's thread only while
 // no worker runs (initialize/destroy).
 class CurlRequest {
@@ -65,10 +79,58 @@ public:
     // libcurl write callback: appends to the std::string behind `user`.
     static size_t writeToString(void *bytes, size_t size, size_t count, void *user);
 
-    // Advances background transfers; worker thread, once per turn.
-    void perform();
+    // The flow engine (worker thread only).
+
+    // One turn: starts queued transfers, lets libcurl move, routes finished transfers to their
+    // flows and frees finished records. Returns how many results wait in completedFlows; 0
+    // before init.
+    int32_t perform();
     // Moves the oldest finished flow into `result`; false when there is none.
     bool getCompletedFlow(AsyncFlowResult &result);
+    // Whether a flow of `sessionId` is running. Changes nothing.
+    bool hasActiveFlow(std::string const &sessionId) const;
+    // Gives each queued transfer a pooled handle and adds it to the multi handle. Three
+    // failures to get a handle fail the flow; three failures of a setter or of the multi
+    // handle drop the transfer and leave the flow waiting. Always true.
+    bool processRequests();
+    // Takes every finished transfer off the multi handle, routes its answer to its flow and
+    // gives the handle back to the pool.
+    void processCompletedTransfers();
+    // Frees the records of finished transfers, keeping the order of the others.
+    void cleanupFinishedRequests();
+    // Fails the flow on a libcurl error or a status outside 200-299, else advances it by type.
+    void processFlowState(AsyncFlowContext &context, std::string const &response,
+                          int32_t httpCode, CURLcode result);
+    // End a flow with a result; both destroy `context` (it is erased from activeFlows).
+    void failFlow(AsyncFlowContext &context, std::string const &message, int32_t httpCode);
+    void completeFlow(AsyncFlowContext &context, std::string const &data);
+
+    // "key=value" pairs joined by "&", in the given order; values percent-encoded, keys not.
+    static std::string buildFormBody(std::vector<std::pair<std::string, std::string>> const &pairs);
+
+    // Verify flow: code exchange, then userinfo, then the login's completion. False when the
+    // flow cannot start (the caller then takes the blocking road).
+    bool startVerifyFlow(std::string const &sessionId, std::string const &code,
+                         OAuthAuthzInfo const &info);
+    bool queueTokenExchangeRequest(AsyncFlowContext &context);
+    bool queueUserInfoRequest(AsyncFlowContext &context);
+    void advanceVerifyFlow(AsyncFlowContext &context, std::string const &response,
+                           int32_t httpCode);
+
+    // Refresh flow: refresh grant, then userinfo, then the completion under a new session.
+    bool startRefreshFlow(std::string const &sessionId, std::string const &uuid,
+                          std::string const &refreshToken, uint32_t configId);
+    bool queueRefreshRequest(AsyncFlowContext &context);
+    // Builds a revocation transfer with the context's refresh token. No flow state reaches it.
+    bool queueRevokeRequest(AsyncFlowContext &context);
+    void advanceRefreshFlow(AsyncFlowContext &context, std::string const &response,
+                            int32_t httpCode);
+
+    // Node verify flow: one userinfo request with the access token of a node configuration.
+    bool startNodeVerifyFlow(std::string const &sessionId, std::string const &nodeConfig);
+    bool queueNodeUserInfoRequest(AsyncFlowContext &context);
+    void advanceNodeVerifyFlow(AsyncFlowContext &context, std::string const &response,
+                               int32_t httpCode);
 
     bool initialized = false;
     char *errorBuffer = nullptr;
@@ -80,6 +142,20 @@ public:
     std::vector<AsyncFlowResult> completedFlows;
     std::unordered_map<int32_t, std::string> requestToSession;
 
+    // Test seam at the pool boundary: the next this-many handle creations fail as if libcurl
+    // could not make a handle. Production code never sets it.
+    int32_t failHandlerCreations = 0;
+
 private:
     void freeRequest(curlRequest *request);
+    // The start steps that all three flows share.
+    bool startFlow(AsyncFlowContext context, char const *startLine,
+                   bool (CurlRequest::*queue)(AsyncFlowContext &), char const *queueFailure,
+                   int32_t waitingState);
+    // The queueing steps that all transfers share. `postData` and `proxy` may be empty.
+    void queueTransfer(AsyncFlowContext &context, int32_t configId, httpMethod method,
+                       std::string const &url, std::vector<std::string> headers,
+                       std::string const &postData, std::string const &proxy);
+    // Gives back the handle of a transfer whose start failed, counting the attempt.
+    void startFailed(curlRequest *request);
 };

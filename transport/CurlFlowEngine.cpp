@@ -1,0 +1,326 @@
+// CurlRequest, upper half: the flow engine. One turn of perform, starting queued transfers,
+// routing finished ones to their flows, ending flows, and the steps that every flow shares to
+// start and to queue a transfer. The flows themselves live in CurlVerifyFlow.cpp,
+// CurlRefreshFlow.cpp and CurlNodeFlow.cpp.
+
+#include "platform/Log.h"
+#include "platform/Strings.h"
+#include "platform/Url.h"
+#include "transport/CurlRequest.h"
+
+#include <memory>
+
+namespace {
+
+constexpr int32_t kStartAttempts = 3;
+
+char *copyText(std::string const &text) {
+    char *copy = nullptr;
+    return StringInit(copy, text.c_str());
+}
+
+}  // namespace
+
+int32_t CurlRequest::perform() {
+    if (!initialized || multiHandle == nullptr) {
+        return 0;
+    }
+    processRequests();
+    int running = 0;
+    CURLMcode code = curl_multi_perform(multiHandle, &running);
+    if (code != CURLM_OK) {
+        Log() << "CurlRequest: ERROR! Failed to send requests failed: "
+              << curl_multi_strerror(code) << ".\n";
+    }
+    processCompletedTransfers();
+    cleanupFinishedRequests();
+    return static_cast<int32_t>(completedFlows.size());
+}
+
+bool CurlRequest::getCompletedFlow(AsyncFlowResult &result) {
+    if (completedFlows.empty()) {
+        return false;
+    }
+    result = std::move(completedFlows.front());
+    completedFlows.erase(completedFlows.begin());
+    return true;
+}
+
+bool CurlRequest::hasActiveFlow(std::string const &sessionId) const {
+    return activeFlows.find(sessionId) != activeFlows.end();
+}
+
+void CurlRequest::startFailed(curlRequest *request) {
+    releaseHandler(request->handle);
+    request->handle = nullptr;
+    // A transfer whose options cannot be set is dropped after three tries without a result:
+    // only the lack of a handle ends its flow.
+    if (++request->retryCount >= kStartAttempts) {
+        request->finished = true;
+    }
+}
+
+bool CurlRequest::processRequests() {
+    for (curlRequest *request : requests) {
+        if (request->state != RequestQueued || request->finished) {
+            continue;
+        }
+        void *handle = acquireHandler(request->configId);
+        if (handle == nullptr) {
+            Log() << "CurlRequest: ERROR! Failed to acquire handler for config "
+                  << request->configId << ".\n";
+            if (++request->retryCount >= kStartAttempts) {
+                request->finished = true;
+                request->state = RequestFailed;
+                auto session = requestToSession.find(request->requestId);
+                if (session != requestToSession.end()) {
+                    auto flow = activeFlows.find(session->second);
+                    if (flow != activeFlows.end()) {
+                        failFlow(flow->second, "Failed to acquire handler", 0);
+                    }
+                }
+            }
+            continue;
+        }
+        request->handle = handle;
+        if (!setOptions(handle, request->method)) {
+            Log() << "CurlRequest: ERROR! Failed to set options.\n";
+            startFailed(request);
+            continue;
+        }
+        if (!setUrl(handle, request->url)) {
+            Log() << "CurlRequest: ERROR! Failed to set URL.\n";
+            startFailed(request);
+            continue;
+        }
+        if (request->headers != nullptr && !request->headers->empty() &&
+            !setHeaders(handle, request->headers, request->headerList)) {
+            Log() << "CurlRequest: ERROR! Failed to set headers.\n";
+            startFailed(request);
+            continue;
+        }
+        if (request->method == HttpPost && request->postData != nullptr &&
+            !setData(handle, request->postData)) {
+            Log() << "CurlRequest: ERROR! Failed to set POST data.\n";
+            curl_slist_free_all(request->headerList);
+            request->headerList = nullptr;
+            startFailed(request);
+            continue;
+        }
+        if (request->proxy != nullptr && !setProxy(handle, request->proxy)) {
+            Log() << "CurlRequest: ERROR! Failed to set proxy.\n";
+            curl_slist_free_all(request->headerList);
+            request->headerList = nullptr;
+            startFailed(request);
+            continue;
+        }
+        request->response = new std::string();
+        curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &CurlRequest::writeToString);
+        curl_easy_setopt(handle, CURLOPT_WRITEDATA, request->response);
+        curl_easy_setopt(handle, CURLOPT_PRIVATE, request->response);
+        CURLMcode added = curl_multi_add_handle(multiHandle, handle);
+        if (added != CURLM_OK) {
+            Log() << "CurlRequest: ERROR! curl_multi_add_handle failed: "
+                  << curl_multi_strerror(added) << ".\n";
+            curl_slist_free_all(request->headerList);
+            request->headerList = nullptr;
+            delete request->response;
+            request->response = nullptr;
+            startFailed(request);
+            continue;
+        }
+        request->state = RequestInFlight;
+        Log() << "CurlRequest: Request " << request->requestId << " now in flight.\n";
+    }
+    return true;
+}
+
+void CurlRequest::processCompletedTransfers() {
+    int waiting = 0;
+    while (CURLMsg *message = curl_multi_info_read(multiHandle, &waiting)) {
+        if (message->msg != CURLMSG_DONE) {
+            continue;
+        }
+        CURL *handle = message->easy_handle;
+        CURLcode result = message->data.result;
+        char *privateData = nullptr;
+        curl_easy_getinfo(handle, CURLINFO_PRIVATE, &privateData);
+        std::unique_ptr<std::string> response(reinterpret_cast<std::string *>(privateData));
+        long status = 0;
+        if (curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status) != CURLE_OK) {
+            status = 0;
+        }
+        Log() << "CurlRequest: Transfer completed, HTTP " << status << ".\n";
+
+        curlRequest *request = nullptr;
+        for (curlRequest *candidate : requests) {
+            if (candidate->handle == handle) {
+                request = candidate;
+                break;
+            }
+        }
+        if (request != nullptr) {
+            // Only the buffer's owner here frees it now.
+            request->response = nullptr;
+            int32_t requestId = request->requestId;
+            auto session = requestToSession.find(requestId);
+            if (session != requestToSession.end()) {
+                auto flow = activeFlows.find(session->second);
+                if (flow != activeFlows.end()) {
+                    // The flow may queue its next transfer (which grows requests and
+                    // requestToSession) or end (which erases the flow): nothing found above is
+                    // used after this call but the record itself.
+                    std::string body = response ? *response : std::string();
+                    processFlowState(flow->second, body, static_cast<int32_t>(status), result);
+                }
+                requestToSession.erase(requestId);
+            }
+            request->finished = true;
+            request->state = RequestDone;
+            curl_slist_free_all(request->headerList);
+            request->headerList = nullptr;
+            request->handle = nullptr;
+        }
+        curl_multi_remove_handle(multiHandle, handle);
+        releaseHandler(handle);
+    }
+}
+
+void CurlRequest::cleanupFinishedRequests() {
+    size_t kept = 0;
+    for (curlRequest *request : requests) {
+        if (request->finished) {
+            freeRequest(request);
+        } else {
+            requests[kept++] = request;
+        }
+    }
+    requests.resize(kept);
+}
+
+void CurlRequest::processFlowState(AsyncFlowContext &context, std::string const &response,
+                                   int32_t httpCode, CURLcode result) {
+    Log() << "CurlRequest: Processing state " << context.state << " for flow type "
+          << context.flowType << ".\n";
+    if (result != CURLE_OK) {
+        std::string text = curl_easy_strerror(result);
+        Log() << "CurlRequest: ERROR! Curl error: " << text << ".\n";
+        failFlow(context, "Curl error: " + text, httpCode);
+        return;
+    }
+    // Redirects are not followed, so a 3xx is as much a failure as a 4xx.
+    if (httpCode < 200 || httpCode > 299) {
+        Log() << "CurlRequest: ERROR! HTTP error " << httpCode << " response: '" << response
+              << "'.\n";
+        failFlow(context, "HTTP error: " + response, httpCode);
+        return;
+    }
+    switch (context.flowType) {
+        case FlowRefresh:
+            advanceRefreshFlow(context, response, httpCode);
+            return;
+        case FlowNodeVerify:
+            advanceNodeVerifyFlow(context, response, httpCode);
+            return;
+        case FlowVerify:
+            advanceVerifyFlow(context, response, httpCode);
+            return;
+        default:
+            Log() << "CurlRequest: ERROR! Unknown flow type.\n";
+            failFlow(context, "Unknown flow type", 0);
+            return;
+    }
+}
+
+void CurlRequest::failFlow(AsyncFlowContext &context, std::string const &message,
+                           int32_t httpCode) {
+    Log() << "CurlRequest: ERROR! '" << message << "' HTTP: " << httpCode << ".\n";
+    AsyncFlowResult result;
+    result.sessionId = context.sessionId;
+    result.flowType = context.flowType;
+    result.success = false;
+    result.errorMessage = message;
+    result.httpCode = httpCode;
+    completedFlows.push_back(std::move(result));
+    // The key is copied first: erasing destroys the context that holds it.
+    std::string key = context.sessionId;
+    activeFlows.erase(key);
+}
+
+void CurlRequest::completeFlow(AsyncFlowContext &context, std::string const &data) {
+    Log() << "CurlRequest: Flow completed for session '" << context.sessionId << "'.\n";
+    AsyncFlowResult result;
+    result.sessionId = context.sessionId;
+    result.flowType = context.flowType;
+    result.success = true;
+    result.data = data;
+    result.httpCode = 0;
+    completedFlows.push_back(std::move(result));
+    std::string key = context.sessionId;
+    activeFlows.erase(key);
+}
+
+std::string CurlRequest::buildFormBody(
+    std::vector<std::pair<std::string, std::string>> const &pairs) {
+    std::string body;
+    for (auto const &pair : pairs) {
+        if (!body.empty()) {
+            body += '&';
+        }
+        std::unique_ptr<char[]> value(UrlEncode(pair.second.c_str()));
+        body += pair.first;
+        body += '=';
+        body += value.get();
+    }
+    return body;
+}
+
+bool CurlRequest::startFlow(AsyncFlowContext context, char const *startLine,
+                            bool (CurlRequest::*queue)(AsyncFlowContext &),
+                            char const *queueFailure, int32_t waitingState) {
+    if (!initialized) {
+        Log() << "CurlRequest: ERROR! Not initialized.\n";
+        return false;
+    }
+    if (hasActiveFlow(context.sessionId)) {
+        Log() << "CurlRequest: ERROR! Session already has active flow.\n";
+        return false;
+    }
+    Log() << startLine << context.sessionId << "'.\n";
+    context.state = FlowStateCreated;
+    context.currentRequestId = -1;
+    std::string key = context.sessionId;
+    AsyncFlowContext &stored = activeFlows[key] = std::move(context);
+    if (!(this->*queue)(stored)) {
+        Log() << queueFailure;
+        activeFlows.erase(key);
+        return false;
+    }
+    stored.state = waitingState;
+    return true;
+}
+
+void CurlRequest::queueTransfer(AsyncFlowContext &context, int32_t configId, httpMethod method,
+                                std::string const &url, std::vector<std::string> headers,
+                                std::string const &postData, std::string const &proxy) {
+    auto *request = new curlRequest;
+    request->requestId = nextRequestId++;
+    request->configId = configId;
+    request->method = method;
+    request->state = RequestQueued;
+    request->retryCount = 0;
+    request->finished = false;
+    request->url = copyText(url);
+    request->sessionId = copyText(context.sessionId);
+    if (!proxy.empty()) {
+        request->proxy = copyText(proxy);
+    }
+    if (method == HttpPost) {
+        request->postData = copyText(postData);
+    }
+    request->headers = new std::vector<std::string>(std::move(headers));
+    requestToSession[request->requestId] = context.sessionId;
+    context.currentRequestId = request->requestId;
+    requests.push_back(request);
+    Log() << "CurlRequest: Request queued with ID " << request->requestId << ".\n";
+}
