@@ -4,14 +4,9 @@
 #include "platform/Log.h"
 #include "platform/Strings.h"
 #include "platform/Url.h"
+#include "support/OAuthScopes.h"
 
 #include <json/value.h>
-
-namespace {
-
-char const kGraphScope[] = "https://graph.microsoft.com/User.Read";
-
-}  // namespace
 
 SsoClient::SsoClient() {
     Log() << "Sso: Client constructor.\n";
@@ -69,7 +64,7 @@ std::string SsoClient::buildQueryString(char const *codeChallenge) {
     std::string const &provider = config->provider;
     if (provider == "microsoft") {
         Log() << "Sso: Provider is microsoft.\n";
-        parameters["scope"] = parameters["scope"].asString() + " offline_access " + kGraphScope;
+        parameters["scope"] = parameters["scope"].asString() + " offline_access " + kGraphUserReadScope;
         parameters["response_mode"] = "query";
     } else if (provider == "okta") {
         Log() << "Sso: Provider is okta.\n";

@@ -196,3 +196,18 @@ bool writeFile(std::vector<Json::Value> const &values, char const *path) {
     }
     return result;
 }
+
+MemberText readMember(Json::Value const &value, char const *key, std::string &text) {
+    if (!value.isObject()) {
+        return MemberText::Missing;
+    }
+    Json::Value const *member = value.find(key, key + std::strlen(key));
+    if (member == nullptr) {
+        return MemberText::Missing;
+    }
+    if (member->isObject() || member->isArray()) {
+        return MemberText::WrongType;
+    }
+    text = member->asString();
+    return MemberText::Text;
+}

@@ -29,3 +29,12 @@ bool writeString(Json::Value const &value, std::string &target);
 // Serializes `value` (or the array made of `values`) to the file at `path`, truncating it.
 bool writeFile(Json::Value const &value, char const *path);
 bool writeFile(std::vector<Json::Value> const &values, char const *path);
+
+// How one member of a JSON value reads as text.
+enum class MemberText { Missing, Text, WrongType };
+
+// Reads member `key` of `value` as text without ever throwing: numbers and booleans come out
+// as jsoncpp's asString writes them and null as "". Missing when `value` is not an object or
+// has no such member; WrongType when the member is an object or an array. `text` is written
+// only for Text.
+MemberText readMember(Json::Value const &value, char const *key, std::string &text);
