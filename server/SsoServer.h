@@ -50,6 +50,48 @@ public:
     // Forgets refresh records that aged out or point past the records. Returns true.
     bool cleanTokens();
 
+    // Token exchange at the provider's token endpoint (blocking). Empty tokens on failure.
+    OAuthTokens exchangeCodeForTokens(std::string const &code, OAuthAuthzInfo const &info);
+    // `uuid` is accepted and not used.
+    OAuthTokens exchangeRefreshForTokens(std::string const &uuid, std::string const &refreshToken,
+                                         uint32_t configId);
+    // Asks the userinfo endpoint who owns `accessToken` (blocking): the final user name, or "".
+    std::string fetchUserInfo(std::string const &accessToken, uint32_t configId);
+    // Gives `refreshToken` back to the provider unless the refresh flow keeps it or the provider
+    // is "microsoft" (blocking). True when the login may go on.
+    bool revokeRefreshToken(std::string const &refreshToken, uint32_t configId);
+
+    // Session value of a new user token: 32 random characters with the refresh flow on, "000"
+    // with it off; "" on failure.
+    std::string generateUserSession(uint32_t configId);
+    // Now plus the provider's refresh lifetime, in decimal seconds; "" on failure.
+    std::string getTokenExpirationTimestampAsString(uint32_t configId);
+    // "<user>|<session>|<expiry>", or "" when a field is empty.
+    std::string createUserToken(std::string const &userName, std::string const &session,
+                                std::string const &expiration) const;
+    // "<user>|<session>", or "" when a field is empty.
+    std::string createUserTokenFromNode(std::string const &userName,
+                                        std::string const &session) const;
+    // Keeps what a later refresh and node configuration need, under `session`, when the
+    // refresh flow is on. False for an empty token or session or a bad configuration.
+    bool saveRefreshInfo(std::string const &refreshToken, std::string const &accessToken,
+                         uint32_t configId, std::string const &session);
+
+    // The whole login, refresh and node verification as one blocking call each. A new array
+    // holding the user token (the caller frees it), or null on failure.
+    char *loginFlow(std::string const &code, std::string const &session);
+    char *refreshFlow(std::string const &uuid, std::string const &sessionToken);
+    char *nodeFlow(std::string const &nodeConfig, std::string const &session);
+
+    // The tail of a login or refresh that ran as a background flow (`oldSession` empty for a
+    // login), and of a node verification. A new array with the user token, or null.
+    char *completeAsyncLoginFlow(std::string const &userInfo, std::string const &accessToken,
+                                 std::string const &refreshToken, uint32_t configId,
+                                 std::string const &oldSession);
+    char *completeAsyncNodeFlow(std::string const &userInfo, std::string const &session,
+                                std::string const &provider, std::string const &userName,
+                                std::string const &userType);
+
     // The stores. get/pop consume the record; push restores one, overwriting.
     bool getOAuthAuthzInfo(std::string const &session, OAuthAuthzInfo &info);
     bool popOAuthAuthzInfo(std::string const &session, OAuthAuthzInfo &info);
@@ -68,4 +110,10 @@ public:
     std::vector<SsoServerConfig *> configs;
     std::unordered_map<std::string, OAuthAuthzInfo> authzInfoBySession;
     std::unordered_map<std::string, OAuthRefreshInfo> refreshInfoBySession;
+
+private:
+    // The steps of loginFlow and refreshFlow after the exchange, from the token check to the
+    // saved refresh record; the two name their session and expiry failures differently.
+    char *finishBlockingLogin(OAuthTokens const &tokens, uint32_t configId,
+                              char const *sessionFailure, char const *expiryFailure);
 };

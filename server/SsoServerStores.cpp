@@ -1,9 +1,8 @@
+#include "platform/Clock.h"
 #include "platform/Log.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfig.h"
 #include "server/SsoServerConfigOAuth.h"
-
-#include "platform/Clock.h"
 
 namespace {
 

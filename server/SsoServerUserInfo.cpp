@@ -1,0 +1,75 @@
+// SsoServer, user resolution: the userinfo request on the blocking road and the reader that
+// turns a userinfo document into the final user name on every road.
+
+#include "platform/Log.h"
+#include "server/SsoServer.h"
+#include "server/SsoServerConfigOAuth.h"
+#include "server/SsoServerResponses.h"
+#include "support/SsoJson.h"
+#include "transport/SsoRequest.h"
+
+#include <json/value.h>
+
+std::string readUserInfoResponse(std::string const &response, std::string const &provider,
+                                 std::string const &userName, std::string const &userType) {
+    Log() << "SsoServer: Reading userinfo response. Provider: '" << provider << "'"
+          << " , user name preference: '" << userName << "'"
+          << " , user type preference: '" << userType << "'.\n";
+    Json::Value document;
+    if (!readString(response, document)) {
+        Log() << "SsoServer: ERROR! Parsing string userinfo response to JSON object"
+              << " failed.\n";
+        return std::string();
+    }
+    // A configured claim is a hard demand: no other member is tried when it is missing.
+    // "preferred_username" counts for "okta" alone; "email" is everyone's default.
+    char const *claim = nullptr;
+    std::string text;
+    if (!userName.empty()) {
+        claim = userName.c_str();
+    } else if (provider == "okta" &&
+               readMember(document, "preferred_username", text) != MemberText::Missing) {
+        claim = "preferred_username";
+    } else {
+        claim = "email";
+    }
+    std::string user;
+    if (readMember(document, claim, user) == MemberText::WrongType) {
+        Log() << "SsoServer: ERROR! Userinfo member '" << claim
+              << "' has a value of a wrong type.\n";
+        return std::string();
+    }
+    if (user.empty()) {
+        Log() << "SsoServer: ERROR! Can't get user from userinfo response.\n";
+        return std::string();
+    }
+    Log() << "SsoServer: User from userinfo response: '" << user << "'.\n";
+    if (userType == "local") {
+        size_t at = user.find('@');
+        if (at != std::string::npos) {
+            user.erase(at);
+        }
+    }
+    Log() << "SsoServer: Final user is: '" << user << "'.\n";
+    return user;
+}
+
+std::string SsoServer::fetchUserInfo(std::string const &accessToken, uint32_t configId) {
+    Log() << "SsoServer: Exchanging access token: " << accessToken << "' for config ID: "
+          << configId << " for userinfo.\n";
+    if (accessToken.empty()) {
+        Log() << "SsoServer: Access token is empty.\n";
+        return std::string();
+    }
+    SsoServerConfig const *entry = configId < configs.size() ? configs[configId] : nullptr;
+    if (entry == nullptr || entry->getLoginType() != 0) {
+        Log() << "SsoServer: Config type is invalid.\n";
+        return std::string();
+    }
+    auto const *config = static_cast<SsoServerConfigOAuth const *>(entry);
+    Log() << "SsoServer: Userinfo URL is: '" << config->userinfoUri << "'.\n";
+    std::string response = SsoRequest::getNetwork().request(
+        HttpGet, config->userinfoUri.c_str(), {"Authorization: Bearer " + accessToken}, nullptr,
+        config->proxy.empty() ? nullptr : config->proxy.c_str());
+    return readUserInfoResponse(response, config->provider, config->userName, config->userType);
+}
