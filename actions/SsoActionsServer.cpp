@@ -5,6 +5,7 @@
 #include "server/SsoServer.h"
 #include "support/SsoUtils.h"
 #include "transport/CurlRequest.h"
+#include "transport/SsoRequest.h"
 
 namespace {
 
@@ -15,6 +16,11 @@ bool isNode() {
 
 char const *orNil(char const *text) {
     return text ? text : "nil";
+}
+
+// The engines take owned strings; a null (which no caller passes) reads as empty.
+std::string owned(char const *text) {
+    return text ? text : "";
 }
 
 }  // namespace
@@ -36,6 +42,13 @@ int SsoActions::initialize() {
         return -1;
     }
     Log() << "SsoActions: CurlRequest initialized successfully.\n";
+    // The blocking road (failover, revocation) needs its own request object ready too.
+    Log() << "SsoActions: Initializing SsoRequest.\n";
+    if (!SsoRequest::getNetwork().init(3)) {
+        Log() << "SsoActions: ERROR! SsoRequest initialization failed.\n";
+        return -1;
+    }
+    Log() << "SsoActions: SsoRequest initialized successfully.\n";
     Log() << "SsoActions: Finish initializing sso environment.\n";
     return 0;
 }
@@ -123,17 +136,64 @@ char *SsoActions::getNodeConfig(char const *session) {
     }
     Log() << "SsoActions: Start get node config. Received user session: '" << orNil(session)
           << "'.\n";
-    char *config = SsoServer::getServer().getNodeConfig(session ? session : "");
+    char *config = SsoServer::getServer().getNodeConfig(owned(session));
     if (config == nullptr) {
         Log() << "SsoActions: ERROR! Get node config failed.\n";
     }
     return config;
 }
 
+char *SsoActions::verifyLogin(char const *code, char const *session) {
+    if (isNode()) {
+        Log() << "SsoActions: WARNING! Machine type is node. Can not perform"
+              << " verify login.\n";
+        return nullptr;
+    }
+    Log() << "SsoActions: Start verify login. Received OAuth code: '" << orNil(code) << "'"
+          << " and user session: '" << orNil(session) << "'.\n";
+    char *token = SsoServer::getServer().loginFlow(owned(code), owned(session));
+    if (token == nullptr) {
+        Log() << "SsoActions: ERROR! Verify login failed.\n";
+    }
+    return token;
+}
+
+char *SsoActions::refreshLogin(char const *uuid, char const *session) {
+    if (isNode()) {
+        Log() << "SsoActions: WARNING! Machine type is node. Can't perform"
+              << " refresh login.\n";
+        return nullptr;
+    }
+    Log() << "SsoActions: Start refresh login. Received UUID: '" << orNil(uuid) << "'"
+          << " and user session: '" << orNil(session) << "'.\n";
+    char *token = SsoServer::getServer().refreshFlow(owned(uuid), owned(session));
+    if (token == nullptr) {
+        Log() << "SsoActions: ERROR! Refresh login failed.\n";
+    }
+    return token;
+}
+
+char *SsoActions::nodeLogin(char const *nodeConfig, char const *session) {
+    if (!isNode()) {
+        Log() << "SsoActions: WARNING! Machine type is not node. Can not perform"
+              << " node login.\n";
+        return nullptr;
+    }
+    Log() << "SsoActions: Start node login. Received node configuration: '" << orNil(nodeConfig)
+          << "'"
+          << " and user session: '" << orNil(session) << "'.\n";
+    char *token = SsoServer::getServer().nodeFlow(owned(nodeConfig), owned(session));
+    if (token == nullptr) {
+        Log() << "SsoActions: ERROR! Node login failed.\n";
+    }
+    return token;
+}
+
 void SsoActions::destroy() {
     Log() << "SsoActions: Start destroying sso environment.\n";
     // The transport goes first, so that no transfer can touch a configuration being freed.
     CurlRequest::getNetwork().cleanUp();
+    SsoRequest::getNetwork().cleanUp();
     SsoServer::getServer().clearConfigs();
     Log() << "SsoActions: Finish destroying sso environment.\n";
 }

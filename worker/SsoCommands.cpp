@@ -4,6 +4,7 @@
 #include "platform/Io.h"
 #include "platform/Log.h"
 #include "platform/Strings.h"
+#include "server/SsoServer.h"
 #include "transport/CurlRequest.h"
 
 #include <cstdlib>
@@ -64,6 +65,105 @@ char *clientConfig(std::string const &idText, std::string const &session, char c
     return compose(result, ok, failure, session);
 }
 
+// The answer of the blocking road, with the words of the background road's reply.
+char *failover(char *token, char const *ok, char const *failure, std::string const &session,
+               bool withSession, char const *succeeded, char const *alsoFailed) {
+    char *reply = nullptr;
+    if (token == nullptr) {
+        Log() << alsoFailed;
+        return StringAdd(reply, failure, session.c_str(), "\n");
+    }
+    Log() << succeeded;
+    if (withSession) {
+        StringAdd(reply, ok, token, "|", session.c_str(), "\n");
+    } else {
+        StringAdd(reply, ok, token, "\n");
+    }
+    delete[] token;
+    return reply;
+}
+
+char *failureLine(char const *failure, std::string const &session) {
+    char *reply = nullptr;
+    return StringAdd(reply, failure, session.c_str(), "\n");
+}
+
+char *verify(std::string const &code, std::string const &session) {
+    SsoServer &server = SsoServer::getServer();
+    OAuthAuthzInfo info;
+    if (!server.popOAuthAuthzInfo(session, info)) {
+        Log() << "Sso: ERROR! Can't get auth info for user session: '" << session << "'.\n";
+        return failureLine("SSO_VERIFY_FAILURE|", session);
+    }
+    Log() << "Sso: Attempting async verify flow for user session: '" << session << "'.\n";
+    if (CurlRequest::getNetwork().startVerifyFlow(session, code, info)) {
+        Log() << "Sso: Started async verify flow successfully for user session: '" << session
+              << "'.\n";
+        return nullptr;
+    }
+    Log() << "Sso: WARNING! Async verify flow failed to start. "
+          << "Falling back to sync path for user session: '" << session << "'.\n";
+    // The blocking road consumes the record from the store by itself, so it goes back first.
+    if (!server.pushOAuthAuthzInfo(session, info)) {
+        Log() << "Sso: ERROR! Failed to restore auth info for failover.\n";
+        return failureLine("SSO_VERIFY_FAILURE|", session);
+    }
+    Log() << "Sso: Executing sync verify login for user session: '" << session << "'.\n";
+    return failover(SsoActions::verifyLogin(code.c_str(), session.c_str()), "SSO_VERIFY_OK|",
+                    "SSO_VERIFY_FAILURE|", session, true,
+                    "Sso: Sync verify login succeeded (failover).\n",
+                    "Sso: ERROR! Sync verify login also failed.\n");
+}
+
+char *refresh(std::string const &uuid, std::string const &session) {
+    SsoServer &server = SsoServer::getServer();
+    OAuthRefreshInfo info;
+    if (!server.popOAuthRefreshInfo(session, info)) {
+        Log() << "Sso: ERROR! Can't get refresh info for user session: '" << session << "'.\n";
+        return failureLine("SSO_REFRESH_FAILURE|", session);
+    }
+    // An aged record is dropped here for good: it is not pushed back.
+    if (!server.validateOAuthRefreshInfo(info)) {
+        Log() << "Sso: Refresh token expired.\n";
+        return failureLine("SSO_REFRESH_FAILURE|", session);
+    }
+    Log() << "Sso: Attempting async refresh flow for user session: '" << session << "'.\n";
+    if (CurlRequest::getNetwork().startRefreshFlow(session, uuid, info.refreshToken,
+                                                   info.configId)) {
+        Log() << "Sso: Started async refresh flow successfully for user session: '" << session
+              << "'.\n";
+        return nullptr;
+    }
+    Log() << "Sso: WARNING! Async refresh flow failed to start. "
+          << "Falling back to sync path for user session: '" << session << "'.\n";
+    if (!server.pushOAuthRefreshInfo(session, info)) {
+        Log() << "Sso: ERROR! Failed to restore refresh info for failover.\n";
+        return failureLine("SSO_REFRESH_FAILURE|", session);
+    }
+    Log() << "Sso: Executing sync refresh login for user session: '" << session << "'.\n";
+    return failover(SsoActions::refreshLogin(uuid.c_str(), session.c_str()), "SSO_REFRESH_OK|",
+                    "SSO_REFRESH_FAILURE|", session, true,
+                    "Sso: Sync refresh login succeeded (failover).\n",
+                    "Sso: ERROR! Sync refresh login also failed.\n");
+}
+
+char *nodeVerify(std::string const &nodeConfig, std::string const &session) {
+    Log() << "Sso: Attempting async node verify flow for user session: '" << session << "'.\n";
+    if (CurlRequest::getNetwork().startNodeVerifyFlow(session, nodeConfig)) {
+        Log() << "Sso: Started async node verify flow successfully for user session: '"
+              << session << "'.\n";
+        return nullptr;
+    }
+    Log() << "Sso: WARNING! Async node verify flow failed to start. "
+          << "Falling back to sync path for user session: '" << session << "'.\n";
+    Log() << "Sso: Executing sync node login for user session: '" << session << "'.\n";
+    // The node's success line carries no session at its end.
+    return failover(SsoActions::nodeLogin(nodeConfig.c_str(), session.c_str()),
+                    "SSO_NODE_VERIFY_OK|", "SSO_NODE_VERIFY_FAILURE|", session, false,
+                    "Sso: Sync node login succeeded (failover).\n",
+                    "Sso: ERROR! Sync node login also failed.\n");
+}
+
 }  // namespace
 
 char *SsoCommands::execute(std::vector<std::string> const &command) {
@@ -95,9 +195,14 @@ char *SsoCommands::execute(std::vector<std::string> const &command) {
         return clientConfig(command[1], command[2], nullptr, "SSO_GET_CONFIG_OK|",
                             "SSO_GET_CONFIG_FAILURE|");
     }
-    if (name == "SSO_VERIFY" || name == "SSO_REFRESH" || name == "SSO_NODE_VERIFY") {
-        // The login flows answer here once their engines exist.
-        return nullptr;
+    if (name == "SSO_VERIFY") {
+        return verify(command[1], command[2]);
+    }
+    if (name == "SSO_REFRESH") {
+        return refresh(command[1], command[2]);
+    }
+    if (name == "SSO_NODE_VERIFY") {
+        return nodeVerify(command[1], command[2]);
     }
     Log() << "Sso: Command '" << name << "' is incorrect.\n";
     return nullptr;

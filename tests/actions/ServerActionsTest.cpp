@@ -292,7 +292,9 @@ TEST(SsoActionsTest, InitializeFailsWhenTheTransportIsUp) {
     SsoActions::destroy();
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                "SsoActions: Start destroying sso environment.\n",
-                               "CurlRequest: Clean up.\n", "SsoServer: Cleaning server configs.\n",
+                               "CurlRequest: Clean up.\n",
+                               "SsoRequest: WARNING! Curl was never initialized before.\n",
+                               "SsoServer: Cleaning server configs.\n",
                                "SsoActions: Finish destroying sso environment.\n"}));
     TestMachine::reset();
 }
