@@ -1,6 +1,7 @@
 /* A host as a server product would embed libqxss: it starts the worker on a socketpair, loads
  * the configuration, starts a login for a new user session, builds the authorization URL,
- * lets a scripted user sign in at the provider, and hands the code back for verification.
+ * lets a scripted user sign in at the provider, hands the code back for verification and
+ * refreshes the login once.
  *
  *   demo_host <command that plays the user: given the URL as its argument it prints the
  *              redirect's JSON {"code":...,"state":...}>
@@ -133,10 +134,10 @@ int main(int argc, char **argv) {
         goto done;
     }
 
-    char user[24000];
-    snprintf(user, sizeof user, "%s '%s'", argv[1], url);
+    char player[24000];
+    snprintf(player, sizeof player, "%s '%s'", argv[1], url);
     SsoFreeString(url);
-    FILE *browser = popen(user, "r");
+    FILE *browser = popen(player, "r");
     char redirect[4096] = "";
     if (browser == NULL || fgets(redirect, sizeof redirect, browser) == NULL) {
         redirect[0] = '\0';
@@ -154,12 +155,29 @@ int main(int argc, char **argv) {
     printf("provider redirected with state %s and a code\n", state);
     snprintf(command, sizeof command, "SSO_VERIFY|%s|%s\n", code, session);
     sendLine(fds[0], command);
-    char const *verified = readLine(fds[0], 10000);
-    ok = strncmp(verified, "SSO_VERIFY_OK|", 14) == 0;
-    if (!ok) {
-        printf("no verification yet: the code exchange is not part of this build\n");
-        ok = strcmp(state, "demo-state") == 0;
+    if (strcmp(state, "demo-state") != 0) {
+        printf("the state that came back is not ours: refusing the code\n");
+        SsoFreeString(session);
+        goto done;
     }
+    char verified[4096];
+    snprintf(verified, sizeof verified, "%s", readLine(fds[0], 10000));
+    /* SSO_VERIFY_OK|<user>|<session value>|<expiry>|<user session> */
+    if (strncmp(verified, "SSO_VERIFY_OK|", 14) != 0) {
+        printf("the login failed (see demo-library.log)\n");
+        SsoFreeString(session);
+        goto done;
+    }
+    char user[256] = "";
+    char value[64] = "";
+    long long expiry = 0;
+    sscanf(verified + 14, "%255[^|]|%63[^|]|%lld", user, value, &expiry);
+    printf("signed in as %s, session value %s, valid until %lld\n", user, value, expiry);
+
+    /* A refresh renews the login under a new session value; the old one is dead after it. */
+    snprintf(command, sizeof command, "SSO_REFRESH|demo-uuid|%s\n", value);
+    sendLine(fds[0], command);
+    ok = strncmp(readLine(fds[0], 10000), "SSO_REFRESH_OK|", 15) == 0;
     SsoFreeString(session);
 done:
     SsoDestroy();

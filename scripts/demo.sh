@@ -29,7 +29,8 @@ cat >"$etc/sso.cfg" <<CFG
       "client_id": "qxss-client",
       "client_secret": "qxss-secret",
       "redirect_uris": ["http://127.0.0.1:18080/cb"],
-      "qx_user_type": "local"
+      "qx_user_type": "local",
+      "qx_refresh": true
     }
   }
 ]
