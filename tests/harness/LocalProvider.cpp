@@ -1,5 +1,6 @@
 #include "tests/harness/LocalProvider.h"
 
+#include <curl/curl.h>
 #include <json/reader.h>
 
 #include <unistd.h>
@@ -8,6 +9,27 @@ namespace {
 
 std::string serversDirectory() {
     return std::string(QXSS_SOURCE_DIR) + "/tests/servers";
+}
+
+size_t collect(char *bytes, size_t size, size_t count, void *user) {
+    static_cast<std::string *>(user)->append(bytes, size * count);
+    return size * count;
+}
+
+// A plain GET for the provider's test controls; the body, or "" on failure.
+std::string fetch(std::string const &url) {
+    CURL *handle = curl_easy_init();
+    if (handle == nullptr) {
+        return std::string();
+    }
+    std::string body;
+    curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &body);
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT, 10L);
+    CURLcode result = curl_easy_perform(handle);
+    curl_easy_cleanup(handle);
+    return result == CURLE_OK ? body : std::string();
 }
 
 }  // namespace
@@ -57,4 +79,19 @@ LocalProvider::LoginResult LocalProvider::login(std::string const &authUrl,
     result.error = text("error");
     result.ok = !result.code.empty() && result.error.empty();
     return result;
+}
+
+bool LocalProvider::setRevocationBody(bool on) const {
+    std::string answer = fetch(base + "/qxss-test/revocation-body/" + (on ? "on" : "off"));
+    return answer == std::string("{\"revocationBody\":") + (on ? "true" : "false") + "}";
+}
+
+int LocalProvider::requestCount(std::string const &path) const {
+    Json::Value counts;
+    Json::Reader reader;
+    if (!reader.parse(fetch(base + "/qxss-test/requests"), counts) || !counts.isObject() ||
+        !counts.isMember(path)) {
+        return 0;
+    }
+    return counts[path].asInt();
 }

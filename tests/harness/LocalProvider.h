@@ -30,6 +30,12 @@ public:
     // returns the code and state of the final redirect, which is not called.
     LoginResult login(std::string const &authUrl, std::string const &user = "alice") const;
 
+    // Whether revocations are answered with a JSON body (true) or, as the provider does by
+    // itself, with an empty 200 (false, the default). False when the provider did not confirm.
+    bool setRevocationBody(bool on) const;
+    // How many requests for `path` (e.g. "/token/revocation", "/v2.0/me") arrived so far.
+    int requestCount(std::string const &path) const;
+
     // Registered confidential clients.
     static constexpr char const *clientId = "qxss-client";
     static constexpr char const *clientSecret = "qxss-secret";

@@ -114,6 +114,45 @@ async function makeProvider(issuer) {
   return provider;
 }
 
+// Test controls, outside the provider's own paths:
+//   GET /qxss-test/requests             {"<path>": <count>} of every request so far
+//   GET /qxss-test/revocation-body/on   revocations answer 200 with a JSON body
+//   GET /qxss-test/revocation-body/off  revocations answer as the provider does: 200, empty
+const requestCounts = {};
+let revocationBody = false;
+
+function control(path, res) {
+  if (path === '/qxss-test/requests') {
+    res.writeHead(200, { 'content-type': 'application/json' });
+    res.end(JSON.stringify(requestCounts));
+    return;
+  }
+  const switched = /^\/qxss-test\/revocation-body\/(on|off)$/.exec(path);
+  if (switched) {
+    revocationBody = switched[1] === 'on';
+    res.writeHead(200, { 'content-type': 'application/json' });
+    res.end(JSON.stringify({ revocationBody }));
+    return;
+  }
+  res.writeHead(404);
+  res.end();
+}
+
+// RFC 7009 lets a provider answer a revocation with an empty 200, as this one does; some
+// answer with a body. This makes the provider one of the latter, without changing what it does.
+function answerRevocationWithBody(res) {
+  const setHeader = res.setHeader.bind(res);
+  const end = res.end.bind(res);
+  res.setHeader = (name, value) => (name.toLowerCase() === 'content-length' ? res : setHeader(name, value));
+  res.end = (chunk, ...rest) => {
+    if (res.statusCode === 200 && (!chunk || chunk.length === 0)) {
+      if (!res.headersSent) setHeader('content-type', 'application/json');
+      return end('{"revoked":true}');
+    }
+    return end(chunk, ...rest);
+  };
+}
+
 const port = Number(process.argv[2] || 0);
 const server = http.createServer();
 server.listen(port, '127.0.0.1', async () => {
@@ -123,6 +162,13 @@ server.listen(port, '127.0.0.1', async () => {
   const rootHandler = root.callback();
   const v2Handler = v2.callback();
   server.on('request', (req, res) => {
+    const path = req.url.split('?')[0];
+    if (path.startsWith('/qxss-test/')) {
+      control(path, res);
+      return;
+    }
+    requestCounts[path] = (requestCounts[path] || 0) + 1;
+    if (revocationBody && path.endsWith('/token/revocation')) answerRevocationWithBody(res);
     if (req.url === '/v2.0' || req.url.startsWith('/v2.0/')) {
       req.originalUrl = req.url;
       req.baseUrl = '/v2.0';
