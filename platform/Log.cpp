@@ -32,12 +32,9 @@ int priorityOf(std::string const &text) {
     return LOG_INFO;
 }
 
+// The host's ident, options and default facility stay as the host set them: no openlog here,
+// the facility travels in each call's priority instead.
 void toSyslog(std::string const &text) {
-    static bool opened = false;
-    if (!opened) {
-        openlog("libqxss", LOG_PID, LOG_AUTHPRIV);
-        opened = true;
-    }
     size_t length = text.size();
     if (length > 0 && text[length - 1] == '\n') {
         --length;
