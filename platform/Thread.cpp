@@ -3,20 +3,33 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <condition_variable>
 #include <initializer_list>
+#include <mutex>
 #include <new>
 
 namespace {
 
+// The new thread waits at this latch until its creator has written the handle and the id,
+// so that the body never reads them half-written.
 struct ThreadStart {
-    void *(*body)(void *);
-    void *argument;
+    void *(*body)(void *) = nullptr;
+    void *argument = nullptr;
+    std::mutex mutex;
+    std::condition_variable released;
+    bool ready = false;
 };
 
 void *startThread(void *raw) {
-    ThreadStart start = *static_cast<ThreadStart *>(raw);
-    delete static_cast<ThreadStart *>(raw);
-    return start.body(start.argument);
+    auto *start = static_cast<ThreadStart *>(raw);
+    {
+        std::unique_lock<std::mutex> lock(start->mutex);
+        start->released.wait(lock, [start] { return start->ready; });
+    }
+    void *(*body)(void *) = start->body;
+    void *argument = start->argument;
+    delete start;
+    return body(argument);
 }
 
 }  // namespace
@@ -36,19 +49,24 @@ int ThreadCreate(uint64_t *handle, uint64_t *id, void *(*body)(void *), void *ar
     if (handle == nullptr || id == nullptr || body == nullptr) {
         return 0;
     }
-    ThreadStart *start = new (std::nothrow) ThreadStart{body, argument};
+    ThreadStart *start = new (std::nothrow) ThreadStart;
     if (start == nullptr) {
         return 0;
     }
-    // The id only appears in log lines; the handle's numeric form serves and needs no
-    // handshake with the new thread.
+    start->body = body;
+    start->argument = argument;
     pthread_t thread;
     if (pthread_create(&thread, nullptr, startThread, start) != 0) {
         delete start;
         return 0;
     }
+    // The id is the handle's number; it only appears in log lines.
     *handle = static_cast<uint64_t>(thread);
     *id = static_cast<uint64_t>(thread);
+    // Notified under the lock: once it is released the new thread owns (and frees) `start`.
+    std::lock_guard<std::mutex> lock(start->mutex);
+    start->ready = true;
+    start->released.notify_one();
     return 1;
 }
 
