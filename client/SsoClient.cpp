@@ -42,10 +42,8 @@ bool SsoClient::setConfig(std::string const &configData, std::string const &stat
 }
 
 void SsoClient::removeConfig() {
-    if (config) {
-        Log() << "Sso: Removing current client config.\n";
-        config.reset();
-    }
+    Log() << "Sso: Removing current client config.\n";
+    config.reset();
 }
 
 std::string SsoClient::buildQueryString(char const *codeChallenge) {
