@@ -57,7 +57,10 @@ bool SsoServer::setMachineType() {
         // A node keeps no configuration at all.
         configPath.clear();
         reserved.clear();
-        loginOptions.clear();
+        {
+            std::lock_guard<std::mutex> lock(loginOptionsMutex);
+            loginOptions.clear();
+        }
         for (SsoServerConfig *config : configs) {
             delete config;
         }
@@ -85,6 +88,9 @@ void SsoServer::clearConfigs() {
     configs.clear();
     authzInfoBySession.clear();
     refreshInfoBySession.clear();
-    loginOptions.clear();
+    {
+        std::lock_guard<std::mutex> lock(loginOptionsMutex);
+        loginOptions.clear();
+    }
     reserved.clear();
 }

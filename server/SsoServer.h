@@ -5,6 +5,7 @@
 #include "server/OAuthTokens.h"
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -107,6 +108,10 @@ public:
     std::string configPath;
     std::string reserved;
     std::string loginOptions;
+    // Held while loginOptions is replaced or copied: the host's thread reads it (through
+    // SsoGetUserLoginOptions) while the worker may be reloading the configuration. Never held
+    // across a provider request.
+    mutable std::mutex loginOptionsMutex;
     std::vector<SsoServerConfig *> configs;
     std::unordered_map<std::string, OAuthAuthzInfo> authzInfoBySession;
     std::unordered_map<std::string, OAuthRefreshInfo> refreshInfoBySession;

@@ -19,12 +19,17 @@ char *failed(char const *message) {
 }  // namespace
 
 char *SsoServer::getLoginOptions() const {
-    Log() << "SsoServer: Get login options. String is: '" << loginOptions << "'\n";
-    if (loginOptions.empty()) {
+    std::string options;
+    {
+        std::lock_guard<std::mutex> lock(loginOptionsMutex);
+        options = loginOptions;
+    }
+    Log() << "SsoServer: Get login options. String is: '" << options << "'\n";
+    if (options.empty()) {
         return failed("Login options is empty");
     }
     char *copy = nullptr;
-    if (StringInit(copy, loginOptions.c_str()) == nullptr) {
+    if (StringInit(copy, options.c_str()) == nullptr) {
         return failed("Memory allocation failed");
     }
     return copy;

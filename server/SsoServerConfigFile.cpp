@@ -223,7 +223,10 @@ bool SsoServer::loadConfigsJson() {
     }
     Log() << "SsoServer: Login options buffer: '" << options << "'\n";
     char *encoded = UrlEncode(options.c_str());
-    loginOptions = encoded;
+    {
+        std::lock_guard<std::mutex> lock(loginOptionsMutex);
+        loginOptions = encoded;
+    }
     delete[] encoded;
     return true;
 }
