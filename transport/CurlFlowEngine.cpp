@@ -8,6 +8,7 @@
 #include "platform/Url.h"
 #include "transport/CurlRequest.h"
 
+#include <exception>
 #include <memory>
 
 namespace {
@@ -171,7 +172,20 @@ void CurlRequest::processCompletedTransfers() {
                     // requestToSession) or end (which erases the flow): nothing found above is
                     // used after this call but the record itself.
                     std::string body = response ? *response : std::string();
-                    processFlowState(flow->second, body, static_cast<int32_t>(status), result);
+                    std::string sessionId = session->second;
+                    try {
+                        processFlowState(flow->second, body, static_cast<int32_t>(status),
+                                         result);
+                    } catch (std::exception const &error) {
+                        // A flow that threw still ends with a result, so its command gets its
+                        // one reply.
+                        Log() << "CurlRequest: ERROR! Flow step failed: '" << error.what()
+                              << "'.\n";
+                        auto broken = activeFlows.find(sessionId);
+                        if (broken != activeFlows.end()) {
+                            failFlow(broken->second, "Flow step failed", 0);
+                        }
+                    }
                 }
                 requestToSession.erase(requestId);
             }

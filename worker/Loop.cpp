@@ -58,6 +58,35 @@ std::vector<std::string> split(std::string const &message) {
     return elements;
 }
 
+// What the exception being handled says, for the log.
+std::string currentError() {
+    try {
+        throw;
+    } catch (std::exception const &error) {
+        return error.what();
+    } catch (...) {
+        return "unknown exception";
+    }
+}
+
+char *failureReplyOf(std::vector<std::string> const &command) {
+    try {
+        return SsoCommands::failureReply(command);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+// Runs one step of the turn; a throw is logged and the turn goes on.
+template <typename Step>
+void guarded(char const *what, Step step) {
+    try {
+        step();
+    } catch (...) {
+        Log() << "Sso: ERROR! " << what << " failed: '" << currentError() << "'.\n";
+    }
+}
+
 void execute(std::vector<std::string> const &command, SsoWorkerInfo const &info) {
     Log() << "Sso: Worker thread " << info.threadId << " is executing command..\n";
     char *reply = nullptr;
@@ -65,11 +94,12 @@ void execute(std::vector<std::string> const &command, SsoWorkerInfo const &info)
         Log() << "Sso: Execute command: '" << command[0] << "'.\n";
         try {
             reply = SsoCommands::execute(command);
-        } catch (std::exception const &error) {
-            // Last line of defence: one bad command must never take the worker down.
-            Log() << "Sso: ERROR! Command '" << command[0] << "' failed: '" << error.what()
+        } catch (...) {
+            // Last line of defence: one bad command must never take the worker down, and a
+            // command that has a failure line still gets it.
+            Log() << "Sso: ERROR! Command '" << command[0] << "' failed: '" << currentError()
                   << "'.\n";
-            reply = nullptr;
+            reply = failureReplyOf(command);
         }
     }
     if (reply == nullptr) {
@@ -100,9 +130,9 @@ void *loop(void *argument) {
 
     for (;;) {
         int ready = Io::wait(info.internalReadFd, info.ioFd, kWaitMilliseconds);
-        TimedOperations();
-        CurlRequest::getNetwork().perform();
-        SsoCommands::drainCompletedFlows(info.ioFd);
+        guarded("Housekeeping", [] { TimedOperations(); });
+        guarded("Transfers", [] { CurlRequest::getNetwork().perform(); });
+        guarded("Drain of finished flows", [&info] { SsoCommands::drainCompletedFlows(info.ioFd); });
 
         if (ready == 0) {
             continue;

@@ -208,6 +208,43 @@ char *SsoCommands::execute(std::vector<std::string> const &command) {
     return nullptr;
 }
 
+char *SsoCommands::failureReply(std::vector<std::string> const &command) {
+    std::string const &name = command[0];
+    char *reply = nullptr;
+    if (name == "SSO_LOAD_CONFIGS") {
+        return StringInit(reply, "SSO_LOAD_CONFIGS_FAILURE\n");
+    }
+    if (name == "SSO_GET_NODE_CONFIG") {
+        return command.size() < 2 || command[1].empty()
+                   ? nullptr
+                   : failureLine("SSO_GET_NODE_CONFIG_FAILURE|", command[1]);
+    }
+    if (name == "SSO_GET_CONFIG_CLUSTER") {
+        if (command.size() < 4 || command[1].empty() || command[2].empty() ||
+            command[3].empty() || readOptionId(command[1]) < 0) {
+            return nullptr;
+        }
+        return failureLine("SSO_GET_CONFIG_CLUSTER_FAILURE|", command[3]);
+    }
+    if (command.size() < 3 || command[1].empty() || command[2].empty()) {
+        return nullptr;
+    }
+    if (name == "SSO_GET_CONFIG") {
+        return readOptionId(command[1]) < 0 ? nullptr
+                                            : failureLine("SSO_GET_CONFIG_FAILURE|", command[2]);
+    }
+    if (name == "SSO_VERIFY") {
+        return failureLine("SSO_VERIFY_FAILURE|", command[2]);
+    }
+    if (name == "SSO_REFRESH") {
+        return failureLine("SSO_REFRESH_FAILURE|", command[2]);
+    }
+    if (name == "SSO_NODE_VERIFY") {
+        return failureLine("SSO_NODE_VERIFY_FAILURE|", command[2]);
+    }
+    return nullptr;
+}
+
 void SsoCommands::drainCompletedFlows(int ioFd) {
     CurlRequest &network = CurlRequest::getNetwork();
     AsyncFlowResult result;

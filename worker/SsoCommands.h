@@ -13,6 +13,10 @@ public:
     // empty arguments, or a login flow that answers later).
     static char *execute(std::vector<std::string> const &command);
 
+    // The failure line of a command whose handling threw, as a new array, or null for a command
+    // that has no failure line (unknown name, missing or empty arguments, an id below 1).
+    static char *failureReply(std::vector<std::string> const &command);
+
     // Writes the reply line of every finished background flow to `ioFd`.
     static void drainCompletedFlows(int ioFd);
 };
