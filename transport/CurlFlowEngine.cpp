@@ -3,6 +3,7 @@
 // start and to queue a transfer. The flows themselves live in CurlVerifyFlow.cpp,
 // CurlRefreshFlow.cpp and CurlNodeFlow.cpp.
 
+#include "platform/Io.h"
 #include "platform/Log.h"
 #include "platform/Strings.h"
 #include "platform/Url.h"
@@ -36,6 +37,27 @@ int32_t CurlRequest::perform() {
     processCompletedTransfers();
     cleanupFinishedRequests();
     return static_cast<int32_t>(completedFlows.size());
+}
+
+int CurlRequest::waitForEvents(int first, int second, int ms) {
+    if (!initialized || multiHandle == nullptr) {
+        return Io::wait(first, second, ms);
+    }
+    int timeout = ms;
+    for (curlRequest const *request : requests) {
+        if (request->state == RequestQueued && !request->finished) {
+            timeout = 0;
+            break;
+        }
+    }
+    curl_waitfd channel[2] = {{first, CURL_WAIT_POLLIN, 0}, {second, CURL_WAIT_POLLIN, 0}};
+    int events = 0;
+    if (curl_multi_poll(multiHandle, channel, 2, timeout, &events) != CURLM_OK) {
+        return Io::wait(first, second, ms);
+    }
+    // libcurl reports only POLLIN for the channel; a hang-up or an error must read as ready
+    // too, so the channel's own answer is taken from a poll that does not wait.
+    return Io::wait(first, second, 0);
 }
 
 bool CurlRequest::getCompletedFlow(AsyncFlowResult &result) {

@@ -85,6 +85,11 @@ public:
     // flows and frees finished records. Returns how many results wait in completedFlows; 0
     // before init.
     int32_t perform();
+    // The worker's wait: Io::wait on the two channel descriptors with the same result (0 when
+    // neither is ready, bit 1 for `first`, bit 2 for `second`, negative on failure), which also
+    // returns early when a transfer's socket is ready or libcurl's timer is due, and does not
+    // sleep at all while a queued transfer waits to start. At most `ms` milliseconds.
+    int waitForEvents(int first, int second, int ms);
     // Moves the oldest finished flow into `result`; false when there is none.
     bool getCompletedFlow(AsyncFlowResult &result);
     // Whether a flow of `sessionId` is running. Changes nothing.

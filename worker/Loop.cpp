@@ -87,6 +87,15 @@ void guarded(char const *what, Step step) {
     }
 }
 
+int waitForTurn(int internalReadFd, int ioFd) {
+    try {
+        return CurlRequest::getNetwork().waitForEvents(internalReadFd, ioFd, kWaitMilliseconds);
+    } catch (...) {
+        Log() << "Sso: ERROR! Wait failed: '" << currentError() << "'.\n";
+        return Io::wait(internalReadFd, ioFd, kWaitMilliseconds);
+    }
+}
+
 void execute(std::vector<std::string> const &command, SsoWorkerInfo const &info) {
     Log() << "Sso: Worker thread " << info.threadId << " is executing command..\n";
     char *reply = nullptr;
@@ -129,7 +138,9 @@ void *loop(void *argument) {
     char buffer[kReadSize];
 
     for (;;) {
-        int ready = Io::wait(info.internalReadFd, info.ioFd, kWaitMilliseconds);
+        // The wait also wakes for the background transfers, so a flow's next step is not held
+        // back by an idle turn; its result for the two descriptors is Io::wait's.
+        int ready = waitForTurn(info.internalReadFd, info.ioFd);
         guarded("Housekeeping", [] { TimedOperations(); });
         guarded("Transfers", [] { CurlRequest::getNetwork().perform(); });
         guarded("Drain of finished flows", [&info] { SsoCommands::drainCompletedFlows(info.ioFd); });
