@@ -33,7 +33,8 @@ LocalGrant::Code LocalGrant::authorize(SsoServer &server, uint32_t configId,
                                        std::string const &user) {
     Code result;
     result.session = getRandomAsciiString(32);
-    std::unique_ptr<char[]> reply(server.getClientConfig(configId, result.session.c_str(), nullptr));
+    std::unique_ptr<char[]> reply(
+        server.getClientConfig(configId, result.session.c_str(), nullptr));
     if (!reply) {
         result.error = "no client configuration";
         return result;

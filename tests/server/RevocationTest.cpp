@@ -30,24 +30,24 @@ std::vector<std::string> encoding(std::string const &credentials, std::string co
                 "' with length: " + std::to_string(credentials.size()) + ".\n",
             "SsoUtils: Buffer size for Base64 formatting: " +
                 std::to_string(4 * ((credentials.size() + 2) / 3) + 1) + ".\n",
-            "SsoUtils: Base64 string is: '" + basic + "' with length: " +
-                std::to_string(basic.size()) + ".\n"};
+            "SsoUtils: Base64 string is: '" + basic +
+                "' with length: " + std::to_string(basic.size()) + ".\n"};
 }
 
 // The statements of the revocation POST, from the request's arguments to its success.
 std::vector<std::string> post(std::string const &url, std::string const &body,
                               std::string const &basic) {
-    return {"SsoRequest: Received data for sso request: '" + body + "'.\n",
-            "SsoRequest: Received url: '" + url + "' and proxy: 'nil'for sso request validation.\n",
-            "SsoRequest: Proxy is not specified.\n",
-            "SsoRequest: Sso request validation success.\n",
-            "SsoRequest: URL for sso request handler: '" + url + "'.\n",
-            "SsoRequest: Header for sso request handler is: 'Content-Type: "
-            "application/x-www-form-urlencoded'.\n",
-            "SsoRequest: Header for sso request handler is: 'Authorization: Basic " + basic +
-                "'.\n",
-            "SsoRequest: Start sso request with data: '" + body + "'.\n",
-            "SsoRequest: Sso request success.\n"};
+    return {
+        "SsoRequest: Received data for sso request: '" + body + "'.\n",
+        "SsoRequest: Received url: '" + url + "' and proxy: 'nil'for sso request validation.\n",
+        "SsoRequest: Proxy is not specified.\n",
+        "SsoRequest: Sso request validation success.\n",
+        "SsoRequest: URL for sso request handler: '" + url + "'.\n",
+        "SsoRequest: Header for sso request handler is: 'Content-Type: "
+        "application/x-www-form-urlencoded'.\n",
+        "SsoRequest: Header for sso request handler is: 'Authorization: Basic " + basic + "'.\n",
+        "SsoRequest: Start sso request with data: '" + body + "'.\n",
+        "SsoRequest: Sso request success.\n"};
 }
 
 std::vector<std::string> operator+(std::vector<std::string> head,
@@ -119,10 +119,11 @@ TEST_F(RevocationTest, RefreshFlowSetKeepsTheTokenForEveryProvider) {
             addRecord(provider, true, idp.url("/revoke"));
             log.clear();
             EXPECT_TRUE(server.revokeRefreshToken(token, 0)) << provider << " '" << token << "'";
-            EXPECT_EQ(log.lines(),
-                      (std::vector<std::string>{
-                          revoking(token),
-                          "SsoServer: Refresh flow set in configuration. Abort token revocation.\n"}))
+            EXPECT_EQ(
+                log.lines(),
+                (std::vector<std::string>{
+                    revoking(token),
+                    "SsoServer: Refresh flow set in configuration. Abort token revocation.\n"}))
                 << provider;
         }
     }
@@ -136,10 +137,10 @@ TEST_F(RevocationTest, MicrosoftIsNeverAsked) {
     for (char const *token : {"rt-1", ""}) {
         log.clear();
         EXPECT_TRUE(server.revokeRefreshToken(token, 0));
-        EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                                   revoking(token), continuing,
-                                   "SsoServer: WARNING! Microsoft does not support token "
-                                   "revocation. Abort token revocation.\n"}));
+        EXPECT_EQ(log.lines(),
+                  (std::vector<std::string>{revoking(token), continuing,
+                                            "SsoServer: WARNING! Microsoft does not support token "
+                                            "revocation. Abort token revocation.\n"}));
     }
     EXPECT_TRUE(idp.requests().empty());
 }
@@ -149,8 +150,9 @@ TEST_F(RevocationTest, EmptyTokenFailsWithoutARequest) {
     idp.on("/revoke", 200, "{}");
     addRecord("keycloak", false, idp.url("/revoke"));
     EXPECT_FALSE(server.revokeRefreshToken("", 0));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{revoking(""), continuing,
-                                                     "SsoServer: ERROR! Refresh token is empty.\n"}));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{revoking(""), continuing,
+                                        "SsoServer: ERROR! Refresh token is empty.\n"}));
     EXPECT_TRUE(idp.requests().empty());
 }
 
@@ -163,9 +165,9 @@ TEST_F(RevocationTest, TheBodyIsLiteralAndTheSecretIsRaw) {
     // base64("qxss-client:s3cr+t/x:y"): the id and secret as they stand, no percent-encoding.
     std::string const basic = "cXhzcy1jbGllbnQ6czNjcit0L3g6eQ==";
     EXPECT_TRUE(server.revokeRefreshToken(token, 0));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{revoking(token), continuing} +
-                            encoding("qxss-client:s3cr+t/x:y", basic) +
-                            post(idp.url("/revoke"), body, basic)));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{revoking(token), continuing} +
+               encoding("qxss-client:s3cr+t/x:y", basic) + post(idp.url("/revoke"), body, basic)));
     auto requests = idp.requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "POST");
@@ -203,12 +205,12 @@ TEST_F(RevocationTest, AnyBodyIsSuccessAndNoBodyIsFailure) {
     static_cast<SsoServerConfigOAuth *>(server.configs[0])->revokeUri = idp.url("/empty");
     log.clear();
     EXPECT_FALSE(server.revokeRefreshToken("rt", 0));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{revoking("rt"), continuing} +
-                            encoding("qxss-client:s3cr+t/x:y", "cXhzcy1jbGllbnQ6czNjcit0L3g6eQ==") +
-                            post(idp.url("/empty"), "token=rt&token_type_hint=refresh_token",
-                                 "cXhzcy1jbGllbnQ6czNjcit0L3g6eQ==") +
-                            std::vector<std::string>{
-                                "SsoServer: ERROR! Revoke response is empty.\n"}));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{revoking("rt"), continuing} +
+               encoding("qxss-client:s3cr+t/x:y", "cXhzcy1jbGllbnQ6czNjcit0L3g6eQ==") +
+               post(idp.url("/empty"), "token=rt&token_type_hint=refresh_token",
+                    "cXhzcy1jbGllbnQ6czNjcit0L3g6eQ==") +
+               std::vector<std::string>{"SsoServer: ERROR! Revoke response is empty.\n"}));
     EXPECT_EQ(idp.requests().size(), 2u);
 }
 
@@ -228,20 +230,21 @@ TEST_F(RevocationTest, NoRevocationEndpointInDiscoveryFailsTheStep) {
     discovery.cleanUp();
     ASSERT_TRUE(loaded);
     ASSERT_EQ(config->revokeUri, "");
-    ASSERT_TRUE(log.has("SsoServerConfigOAuth: WARNING! Field 'revocation_endpoint' is not set in "
-                        "oauth metadata response.\n"));
+    ASSERT_TRUE(
+        log.has("SsoServerConfigOAuth: WARNING! Field 'revocation_endpoint' is not set in "
+                "oauth metadata response.\n"));
     log.clear();
     EXPECT_FALSE(server.revokeRefreshToken("rt", 0));
     EXPECT_EQ(log.lines(),
               (std::vector<std::string>{revoking("rt"), continuing} +
                encoding("qxss-client:s3cr+t/x:y", "cXhzcy1jbGllbnQ6czNjcit0L3g6eQ==") +
                std::vector<std::string>{
-                  "SsoRequest: Received data for sso request: "
-                  "'token=rt&token_type_hint=refresh_token'.\n",
-                  "SsoRequest: Received url: '' and proxy: 'nil'for sso request validation.\n",
-                  "SsoRequest: ERROR! Url is empty.\n",
-                  "SsoRequest: ERROR! Sso request arguments validation failed.\n",
-                  "SsoServer: ERROR! Revoke response is empty.\n"}));
+                   "SsoRequest: Received data for sso request: "
+                   "'token=rt&token_type_hint=refresh_token'.\n",
+                   "SsoRequest: Received url: '' and proxy: 'nil'for sso request validation.\n",
+                   "SsoRequest: ERROR! Url is empty.\n",
+                   "SsoRequest: ERROR! Sso request arguments validation failed.\n",
+                   "SsoServer: ERROR! Revoke response is empty.\n"}));
     EXPECT_EQ(idp.requests().size(), 1u);  // the discovery alone
     // With the refresh flow set the same provider is usable.
     config->refresh = true;

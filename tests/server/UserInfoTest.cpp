@@ -99,6 +99,7 @@ TEST(UserInfoReaderTest, EveryShapeOfTheClaimForEachUserType) {
                 return "{" + other + ",\"" + claim + "\":" + value + "}";
             };
             bool local = type == "local";
+            // clang-format off
             runRows({
                 {"missing", "{" + other + "}", "keycloak", pref, type, "", {noUser}},
                 {"empty", doc("\"\""), "keycloak", pref, type, "", {noUser}},
@@ -112,6 +113,7 @@ TEST(UserInfoReaderTest, EveryShapeOfTheClaimForEachUserType) {
                  found("ann@example.com", local ? "ann" : "ann@example.com")},
                 {"without @", doc("\"ann\""), "keycloak", pref, type, "ann", found("ann", "ann")},
             });
+            // clang-format on
         }
     }
 }
@@ -119,6 +121,7 @@ TEST(UserInfoReaderTest, EveryShapeOfTheClaimForEachUserType) {
 TEST(UserInfoReaderTest, BodiesThatHoldNoDocument) {
     std::string const failedParse =
         "SsoServer: ERROR! Parsing string userinfo response to JSON object failed.\n";
+    // clang-format off
     runRows({
         {"empty body", "", "keycloak", "", "local", "",
          {"SsoJson: ERROR! Source string is empty.\n", failedParse}},
@@ -130,9 +133,11 @@ TEST(UserInfoReaderTest, BodiesThatHoldNoDocument) {
         {"string document", "\"ann@example.com\"", "keycloak", "", "local", "", {noUser}},
         {"error document", "{\"error\":\"invalid_token\"}", "keycloak", "", "local", "", {noUser}},
     });
+    // clang-format on
 }
 
 TEST(UserInfoReaderTest, AConfiguredClaimIsAHardDemand) {
+    // clang-format off
     runRows({
         {"claim and email", "{\"email\":\"ann@example.com\",\"upn\":\"ann.x\"}", "keycloak", "upn",
          "domain", "ann.x", found("ann.x", "ann.x")},
@@ -142,10 +147,12 @@ TEST(UserInfoReaderTest, AConfiguredClaimIsAHardDemand) {
         {"okta email alone", "{\"email\":\"ann@example.com\",\"preferred_username\":\"ann\"}",
          "okta", "upn", "domain", "", {noUser}},
     });
+    // clang-format on
 }
 
 TEST(UserInfoReaderTest, PreferredUsernameCountsForOktaAlone) {
     std::string const both = "{\"email\":\"ann@example.com\",\"preferred_username\":\"annp\"}";
+    // clang-format off
     runRows({
         {"google", both, "google", "", "domain", "ann@example.com",
          found("ann@example.com", "ann@example.com")},
@@ -165,9 +172,11 @@ TEST(UserInfoReaderTest, PreferredUsernameCountsForOktaAlone) {
          "{\"email\":\"ann@example.com\",\"preferred_username\":{}}", "okta", "", "domain", "",
          {wrongType("preferred_username")}},
     });
+    // clang-format on
 }
 
 TEST(UserInfoReaderTest, UserTypeLocalCutsAtTheFirstAt) {
+    // clang-format off
     runRows({
         {"name@host", "{\"email\":\"ann@example.com\"}", "google", "", "local", "ann",
          found("ann@example.com", "ann")},
@@ -182,6 +191,7 @@ TEST(UserInfoReaderTest, UserTypeLocalCutsAtTheFirstAt) {
         {"LOCAL", "{\"email\":\"ann@example.com\"}", "google", "", "LOCAL", "ann@example.com",
          found("ann@example.com", "ann@example.com")},
     });
+    // clang-format on
 }
 
 TEST(UserInfoReaderTest, AnEmptyFinalNameFailsTheLogin) {
@@ -195,8 +205,8 @@ TEST(UserInfoReaderTest, AnEmptyFinalNameFailsTheLogin) {
     LogCapture log;
     EXPECT_EQ(server.completeAsyncLoginFlow("{\"email\":\"@example.com\"}", "at", "rt", 0, ""),
               nullptr);
-    EXPECT_TRUE(log.hasInOrder({"SsoServer: Final user is: ''.\n",
-                                "SsoServer: ERROR! Final username is empty.\n"}));
+    EXPECT_TRUE(log.hasInOrder(
+        {"SsoServer: Final user is: ''.\n", "SsoServer: ERROR! Final username is empty.\n"}));
     EXPECT_FALSE(log.contains("Revoking refresh"));
     EXPECT_TRUE(server.refreshInfoBySession.empty());
 }
@@ -227,17 +237,19 @@ protected:
 
     // The statements of the userinfo GET up to the provider's answer.
     static std::vector<std::string> request(std::string const &token, std::string const &url) {
-        return {"SsoServer: Exchanging access token: " + token + "' for config ID: 0 for userinfo.\n",
-                "SsoServer: Userinfo URL is: '" + url + "'.\n",
-                "SsoRequest: Received data for sso request: 'nil'.\n",
-                "SsoRequest: Received url: '" + url + "' and proxy: 'nil'for sso request "
-                                                      "validation.\n",
-                "SsoRequest: Proxy is not specified.\n",
-                "SsoRequest: Sso request validation success.\n",
-                "SsoRequest: URL for sso request handler: '" + url + "'.\n",
-                "SsoRequest: Header for sso request handler is: 'Authorization: Bearer " + token +
-                    "'.\n",
-                "SsoRequest: Start sso request with data: 'nil'.\n"};
+        return {
+            "SsoServer: Exchanging access token: " + token + "' for config ID: 0 for userinfo.\n",
+            "SsoServer: Userinfo URL is: '" + url + "'.\n",
+            "SsoRequest: Received data for sso request: 'nil'.\n",
+            "SsoRequest: Received url: '" + url +
+                "' and proxy: 'nil'for sso request "
+                "validation.\n",
+            "SsoRequest: Proxy is not specified.\n",
+            "SsoRequest: Sso request validation success.\n",
+            "SsoRequest: URL for sso request handler: '" + url + "'.\n",
+            "SsoRequest: Header for sso request handler is: 'Authorization: Bearer " + token +
+                "'.\n",
+            "SsoRequest: Start sso request with data: 'nil'.\n"};
     }
 
     SsoRequest &network = SsoRequest::getNetwork();
@@ -279,17 +291,16 @@ TEST_F(UserInfoFetchTest, RefusedTokenGivesNoUser) {
     idp.on("/me", 401, "{\"error\":\"invalid_token\",\"error_description\":\"expired\"}");
     addRecord(idp.url("/me"));
     EXPECT_EQ(server.fetchUserInfo("tok-1", 0), "");
-    expectLines(
-        log.lines(),
-        request("tok-1", idp.url("/me")) +
-            std::vector<std::string>{
-                "SsoRequest: Sso request success.\n",
-                "SsoServer: Reading userinfo response. Provider: 'keycloak' , user name "
-                "preference: '' , user type preference: 'local'.\n",
-                "SsoJson: Received '{\"error\":\"invalid_token\",\"error_description\":"
-                "\"expired\"}' for string to JSON parsing.\n",
-                noUser},
-        "refused");
+    expectLines(log.lines(),
+                request("tok-1", idp.url("/me")) +
+                    std::vector<std::string>{
+                        "SsoRequest: Sso request success.\n",
+                        "SsoServer: Reading userinfo response. Provider: 'keycloak' , user name "
+                        "preference: '' , user type preference: 'local'.\n",
+                        "SsoJson: Received '{\"error\":\"invalid_token\",\"error_description\":"
+                        "\"expired\"}' for string to JSON parsing.\n",
+                        noUser},
+                "refused");
     auto requests = idp.requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "GET");

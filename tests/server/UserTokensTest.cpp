@@ -148,8 +148,9 @@ TEST_F(UserTokensTest, ZeroLifetimeExpiresNowButTheRecordLivesAnHour) {
     now = kNow + 3601;
     log.clear();
     EXPECT_FALSE(server.validateOAuthRefreshInfo(info));
-    EXPECT_EQ(log.lines().back(),
-              "SsoServer: ERROR! Information is expired. Time limit was3600s, but passed: 3601s.\n");
+    EXPECT_EQ(
+        log.lines().back(),
+        "SsoServer: ERROR! Information is expired. Time limit was3600s, but passed: 3601s.\n");
 }
 
 TEST_F(UserTokensTest, BarInAUserNameStaysInTheToken) {
@@ -199,10 +200,10 @@ TEST_F(UserTokensTest, SavedRecordAndItsChecks) {
     addRecord(true);
     addRecord(false);
     EXPECT_TRUE(server.saveRefreshInfo("rt", "at", 0, "s"));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                               "SsoServer: Saving information for later refresh process.\n",
-                               "SsoServer: Refresh info size: 0.\n",
-                               "SsoServer: Refresh info size: 1.\n"}));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "SsoServer: Saving information for later refresh process.\n",
+                  "SsoServer: Refresh info size: 0.\n", "SsoServer: Refresh info size: 1.\n"}));
     OAuthRefreshInfo const &info = server.refreshInfoBySession.at("s");
     EXPECT_EQ(info.configId, 0u);
     EXPECT_EQ(info.savedAt, kNow);
@@ -244,8 +245,9 @@ TEST_F(UserTokensTest, CleanupTakesAnHourForAZeroLifetime) {
     server.refreshInfoBySession["keep"] = aged(0, 3600);
     server.refreshInfoBySession["old"] = aged(0, 3601);
     EXPECT_TRUE(server.cleanTokens());
-    EXPECT_TRUE(log.has("SsoServer: Removing expired refresh token for session: 'old' (age: "
-                        "3601s, limit: 3600s).\n"));
+    EXPECT_TRUE(
+        log.has("SsoServer: Removing expired refresh token for session: 'old' (age: "
+                "3601s, limit: 3600s).\n"));
     EXPECT_EQ(server.refreshInfoBySession.size(), 1u);
     EXPECT_EQ(server.refreshInfoBySession.count("keep"), 1u);
 }
