@@ -129,4 +129,26 @@ TEST_F(LoginActionsGuardsTest, AFailedEngineCallAddsTheOperationsOwnLine) {
     }));
 }
 
+TEST_F(LoginActionsGuardsTest, WithoutTheBlockingTransportEveryRoadEndsInFailure) {
+    SsoRequest::getNetwork().cleanUp();
+    server.machineType = 0;
+    log.clear();
+    EXPECT_EQ(SsoActions::verifyLogin("code", "sess"), nullptr);
+    EXPECT_TRUE(log.hasInOrder({
+        "SsoRequest: ERROR! Curl is not initialize.\n",
+        "SsoServer: ERROR! Parsing string exchange to JSON object failed.\n",
+        "SsoServer: ERROR! Tokens validation failed.\n",
+        "SsoActions: ERROR! Verify login failed.\n",
+    }));
+    EXPECT_EQ(SsoActions::refreshLogin("uuid", "value"), nullptr);
+    EXPECT_TRUE(log.has("SsoActions: ERROR! Refresh login failed.\n"));
+    server.machineType = 1;
+    EXPECT_EQ(SsoActions::nodeLogin(node().c_str(), "s"), nullptr);
+    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! Final user is empty.\n",
+                                "SsoActions: ERROR! Node login failed.\n"}));
+    EXPECT_TRUE(idp.requests().empty());
+    // Put back for TearDown, which cleans up after every test.
+    ASSERT_TRUE(SsoRequest::getNetwork().init(3));
+}
+
 }  // namespace

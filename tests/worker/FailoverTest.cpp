@@ -240,6 +240,24 @@ TEST_F(FailoverTest, NodeVerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRo
         "Sso: Started async node verify flow successfully for user session: 'node-session-2'.\n"));
 }
 
+TEST_F(FailoverTest, RepeatedVerifyFindsTheRecordGoneAndAnswersAtOnce) {
+    startServer();
+    std::string session = LoginDriver::newSession();
+    auto authorization = LoginDriver::authorize(host, 0, session);
+    ASSERT_TRUE(authorization.ok) << authorization.error;
+    std::string const command = "SSO_VERIFY|" + authorization.code + "|" + session + "\n";
+    // One write: the first starts its flow, the second finds the record popped.
+    host.send(command + command);
+    EXPECT_EQ(host.readLine(5000), "SSO_VERIFY_FAILURE|" + session + "\n");
+    std::string reply = host.readLine(10000);
+    EXPECT_NE(sessionValueOf(reply, "SSO_VERIFY_OK", session), "") << reply;
+    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(log.count("Sso: Attempting async verify flow for user session: '" + session +
+                        "'.\n"),
+              1u);
+    EXPECT_TRUE(log.has("Sso: ERROR! Can't get auth info for user session: '" + session + "'.\n"));
+}
+
 TEST_F(FailoverTest, VerifyWithAConfigurationIdBeyondTheRecordsFailsOnBothRoads) {
     TestMachine::server(LoginDriver::file({LoginDriver::Entry()}));
     // Prepared before the worker runs; no configuration is loaded, so id 3 names nothing.
