@@ -102,12 +102,14 @@ TEST_F(LoginActionsGuardsTest, VerifyAndRefreshPassTheirGuardsWhenTheTypeIsNotSe
     server.machineType = -1;
     std::string token = taken(SsoActions::verifyLogin("code-1", "sess"));
     EXPECT_EQ(token.compare(0, 6, "alice|"), 0) << token;
-    EXPECT_EQ(log.lines().front(), "SsoActions: Start verify login. Received OAuth code: 'code-1'"
-                                   " and user session: 'sess'.\n");
+    EXPECT_EQ(log.lines().front(),
+              "SsoActions: Start verify login. Received OAuth code: 'code-1'"
+              " and user session: 'sess'.\n");
     std::string refreshed = taken(SsoActions::refreshLogin("uuid-1", "value"));
     EXPECT_EQ(refreshed.compare(0, 6, "alice|"), 0) << refreshed;
-    EXPECT_TRUE(log.has("SsoActions: Start refresh login. Received UUID: 'uuid-1' and user "
-                        "session: 'value'.\n"));
+    EXPECT_TRUE(
+        log.has("SsoActions: Start refresh login. Received UUID: 'uuid-1' and user "
+                "session: 'value'.\n"));
     EXPECT_FALSE(log.contains("SsoActions: WARNING!"));
     EXPECT_FALSE(log.contains("SsoActions: ERROR!"));
     EXPECT_EQ(idp.requests().size(), 4u);
@@ -144,8 +146,8 @@ TEST_F(LoginActionsGuardsTest, WithoutTheBlockingTransportEveryRoadEndsInFailure
     EXPECT_TRUE(log.has("SsoActions: ERROR! Refresh login failed.\n"));
     server.machineType = 1;
     EXPECT_EQ(SsoActions::nodeLogin(node().c_str(), "s"), nullptr);
-    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! Final user is empty.\n",
-                                "SsoActions: ERROR! Node login failed.\n"}));
+    EXPECT_TRUE(log.hasInOrder(
+        {"SsoServer: ERROR! Final user is empty.\n", "SsoActions: ERROR! Node login failed.\n"}));
     EXPECT_TRUE(idp.requests().empty());
     // Put back for TearDown, which cleans up after every test.
     ASSERT_TRUE(SsoRequest::getNetwork().init(3));

@@ -136,8 +136,9 @@ TEST_F(BlockingFlowsTest, LoginWithRefreshOnKeepsARecordUnderARandomSession) {
     auto requests = idp.requests();
     EXPECT_TRUE(hasHeader(requests[1], "Authorization: Bearer at-1"));
     EXPECT_TRUE(requests[1].body.empty());
-    EXPECT_EQ(log.lines().front(), "SsoServer: Received OAuth code: 'code-1' and user session: "
-                                   "'sess' for login flow..\n");
+    EXPECT_EQ(log.lines().front(),
+              "SsoServer: Received OAuth code: 'code-1' and user session: "
+              "'sess' for login flow..\n");
     EXPECT_TRUE(layer(log, "SsoServer: ERROR!").empty());
     EXPECT_TRUE(log.hasInOrder({
         "SsoServer: Exchanging code: code-1' for config ID: 0 for tokens.\n",
@@ -157,8 +158,9 @@ TEST_F(BlockingFlowsTest, LoginWithRefreshOffRevokesAndGivesTheFixedSession) {
     EXPECT_EQ(server.refreshInfoBySession.count("other"), 1u);
     EXPECT_EQ(targets(), (std::vector<std::string>{"POST /token", "GET /me", "POST /revoke"}));
     EXPECT_EQ(idp.requests()[2].body, "token=rt-new&token_type_hint=refresh_token");
-    EXPECT_TRUE(log.has("SsoServer: Refresh flow NOT set in configuration. Abort saving token"
-                        " information.\n"));
+    EXPECT_TRUE(
+        log.has("SsoServer: Refresh flow NOT set in configuration. Abort saving token"
+                " information.\n"));
 }
 
 TEST_F(BlockingFlowsTest, RefreshOffWithoutARevocationEndpointFailsUnlessMicrosoft) {
@@ -177,8 +179,9 @@ TEST_F(BlockingFlowsTest, RefreshOffWithoutARevocationEndpointFailsUnlessMicroso
     pend("sess");
     log.clear();
     EXPECT_EQ(taken(server.loginFlow("code-1", "sess")), "alice|000|1700000600");
-    EXPECT_TRUE(log.has("SsoServer: WARNING! Microsoft does not support token revocation. Abort "
-                        "token revocation.\n"));
+    EXPECT_TRUE(
+        log.has("SsoServer: WARNING! Microsoft does not support token revocation. Abort "
+                "token revocation.\n"));
     for (auto const &target : targets()) {
         EXPECT_NE(target, "POST /revoke");
     }
@@ -294,8 +297,9 @@ TEST_F(BlockingFlowsTest, RefreshMovesTheRecordToTheNewSession) {
     EXPECT_EQ(targets(), (std::vector<std::string>{"POST /token", "GET /me"}));
     EXPECT_EQ(idp.requests()[0].body,
               "grant_type=refresh_token&refresh_token=rt-old&scope=openid%20email%20profile");
-    EXPECT_EQ(log.lines().front(), "SsoServer: Received uuid: 'uuid-1' and session token: 'value'"
-                                   " for refresh flow.\n");
+    EXPECT_EQ(log.lines().front(),
+              "SsoServer: Received uuid: 'uuid-1' and session token: 'value'"
+              " for refresh flow.\n");
     EXPECT_TRUE(layer(log, "SsoServer: ERROR!").empty());
     // The old session value is dead.
     log.clear();
@@ -377,9 +381,10 @@ TEST_F(BlockingFlowsTest, LoginNamesBothFailuresAlike) {
 }
 
 TEST_F(BlockingFlowsTest, NodeWithoutUserNameOrProxyWarnsTwiceAndWorks) {
-    std::string const node = "{\"access_token\":\"at-n\",\"provider\":\"keycloak\","
-                             "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
-                             idp.url("/me") + "\"}";
+    std::string const node =
+        "{\"access_token\":\"at-n\",\"provider\":\"keycloak\","
+        "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
+        idp.url("/me") + "\"}";
     log.clear();
     EXPECT_EQ(taken(server.nodeFlow(node, "s")), "alice|s");
     EXPECT_EQ(layer(log, "SsoServer: "),
@@ -409,15 +414,16 @@ TEST_F(BlockingFlowsTest, NodeWithoutUserNameOrProxyWarnsTwiceAndWorks) {
 
 TEST_F(BlockingFlowsTest, NodeWithAProviderNoServerUsesStillWorks) {
     server.clearConfigs();
-    std::string const node = "{\"access_token\":\"at-n\",\"provider\":\"nobody-knows\","
-                             "\"qx_user_name\":\"preferred_username\",\"qx_user_type\":"
-                             "\"domain\",\"userinfo_uri\":\"" +
-                             idp.url("/me") + "\"}";
+    std::string const node =
+        "{\"access_token\":\"at-n\",\"provider\":\"nobody-knows\","
+        "\"qx_user_name\":\"preferred_username\",\"qx_user_type\":"
+        "\"domain\",\"userinfo_uri\":\"" +
+        idp.url("/me") + "\"}";
     log.clear();
     EXPECT_EQ(taken(server.nodeFlow(node, "s")), "alice|s");
-    EXPECT_EQ(layer(log, "SsoServer: WARNING!"),
-              (std::vector<std::string>{
-                  "SsoServer: WARNING! Field 'qx_proxy' is not set in config.\n"}));
+    EXPECT_EQ(
+        layer(log, "SsoServer: WARNING!"),
+        (std::vector<std::string>{"SsoServer: WARNING! Field 'qx_proxy' is not set in config.\n"}));
 }
 
 TEST_F(BlockingFlowsTest, NodeDataIsCheckedMemberByMember) {
@@ -437,7 +443,8 @@ TEST_F(BlockingFlowsTest, NodeDataIsCheckedMemberByMember) {
          "SsoServer: ERROR! Field 'provider' is not set in config.\n"},
         {"{\"provider\":\"\"}", "SsoServer: ERROR! Value of field 'provider' is empty.\n"},
         {"{\"provider\":{}}", "SsoServer: ERROR! Field 'provider' has a value of a wrong type.\n"},
-        {"{\"provider\":\"okta\"}", "SsoServer: ERROR! Field 'userinfo_uri' is not set in config.\n"},
+        {"{\"provider\":\"okta\"}",
+         "SsoServer: ERROR! Field 'userinfo_uri' is not set in config.\n"},
         {"{\"provider\":\"okta\",\"userinfo_uri\":\"\"}",
          "SsoServer: ERROR! Value of field 'userinfo_uri' is empty.\n"},
         {"{\"provider\":\"okta\",\"userinfo_uri\":[\"x\"]}",
@@ -468,15 +475,16 @@ TEST_F(BlockingFlowsTest, NodeDataIsCheckedMemberByMember) {
 
 TEST_F(BlockingFlowsTest, NodeWithAnUnusableUserinfoAnswerFails) {
     idp.on("/me", 401, "{\"error\":\"invalid_token\"}");
-    std::string const node = "{\"access_token\":\"at-n\",\"provider\":\"keycloak\","
-                             "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
-                             idp.url("/me") + "\"}";
+    std::string const node =
+        "{\"access_token\":\"at-n\",\"provider\":\"keycloak\","
+        "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
+        idp.url("/me") + "\"}";
     log.clear();
     EXPECT_EQ(server.nodeFlow(node, "s"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
-              (std::vector<std::string>{
-                  "SsoServer: ERROR! Can't get user from userinfo response.\n",
-                  "SsoServer: ERROR! Final user is empty.\n"}));
+    EXPECT_EQ(
+        layer(log, "SsoServer: ERROR!"),
+        (std::vector<std::string>{"SsoServer: ERROR! Can't get user from userinfo response.\n",
+                                  "SsoServer: ERROR! Final user is empty.\n"}));
     EXPECT_EQ(idp.requests().size(), 1u);
 }
 

@@ -14,8 +14,9 @@
 
 namespace {
 
-std::string const kTokens = "{\"access_token\":\"at-1\",\"id_token\":\"id-1\","
-                            "\"refresh_token\":\"rt-new\",\"expires_in\":300}";
+std::string const kTokens =
+    "{\"access_token\":\"at-1\",\"id_token\":\"id-1\","
+    "\"refresh_token\":\"rt-new\",\"expires_in\":300}";
 std::string const kRedirect = "http://127.0.0.1:18080/cb";
 std::string const kEncodedRedirect = "http%3A%2F%2F127.0.0.1%3A18080%2Fcb";
 
@@ -110,10 +111,11 @@ TEST_F(ExchangeTest, CodeGrantSendsItsFieldsSortedByKeyWithTheClientInTheBody) {
     EXPECT_EQ(tokens.idToken, "id-1");
     EXPECT_EQ(tokens.refreshToken, "rt-new");
 
-    std::string const body = "client_id=cid&client_secret=s3cr%2Bt%2F%3D&code=abc%2Fdef&"
-                             "code_verifier=verifier-0123456789_abc~def.ghi&"
-                             "grant_type=authorization_code&redirect_uri=" +
-                             kEncodedRedirect;
+    std::string const body =
+        "client_id=cid&client_secret=s3cr%2Bt%2F%3D&code=abc%2Fdef&"
+        "code_verifier=verifier-0123456789_abc~def.ghi&"
+        "grant_type=authorization_code&redirect_uri=" +
+        kEncodedRedirect;
     auto request = onlyRequest();
     EXPECT_EQ(request.method, "POST");
     EXPECT_EQ(request.target, "/token");
@@ -212,8 +214,9 @@ TEST_F(ExchangeTest, RefreshScopeFollowsTheProviderKeywordExactly) {
     };
     std::vector<Row> const rows = {
         {"okta", "openid%20email%20profile%20offline_access"},
-        {"microsoft", "openid%20email%20profile%20offline_access%20"
-                      "https%3A%2F%2Fgraph.microsoft.com%2FUser.Read"},
+        {"microsoft",
+         "openid%20email%20profile%20offline_access%20"
+         "https%3A%2F%2Fgraph.microsoft.com%2FUser.Read"},
         {"keycloak", "openid%20email%20profile"},
         {"google", "openid%20email%20profile"},
         {"Okta", "openid%20email%20profile"},
@@ -227,8 +230,8 @@ TEST_F(ExchangeTest, RefreshScopeFollowsTheProviderKeywordExactly) {
         EXPECT_FALSE(server.exchangeRefreshForTokens("u", "rt", id).accessToken.empty());
         auto requests = idp.requests();
         ASSERT_EQ(requests.size(), before + 1);
-        EXPECT_EQ(requests.back().body, "grant_type=refresh_token&refresh_token=rt&scope=" +
-                                            row.scope);
+        EXPECT_EQ(requests.back().body,
+                  "grant_type=refresh_token&refresh_token=rt&scope=" + row.scope);
         EXPECT_TRUE(log.has("SsoServer: Provider is: '" + row.provider + "'.\n"));
     }
 }
@@ -358,7 +361,8 @@ TEST(ExchangeResponseTest, RefusedAnswersNameTheirReason) {
     };
     std::vector<Row> const rows = {
         {"", "SsoServer: ERROR! Parsing string exchange to JSON object failed.\n"},
-        {"{\"access_token\":", "SsoServer: ERROR! Parsing string exchange to JSON object failed.\n"},
+        {"{\"access_token\":",
+         "SsoServer: ERROR! Parsing string exchange to JSON object failed.\n"},
         {"null", "SsoServer: ERROR! Exchange JSON object is empty.\n"},
         {"{}", "SsoServer: ERROR! Exchange JSON object is empty.\n"},
         {"[]", "SsoServer: ERROR! Exchange JSON object is empty.\n"},
@@ -397,9 +401,8 @@ TEST(ExchangeResponseTest, RefusedAnswersNameTheirReason) {
 
 TEST(ExchangeResponseTest, AKeptRefreshTokenIsReturnedWithoutReadingTheAnswers) {
     LogCapture log;
-    OAuthTokens tokens =
-        readExchangeResponse("{\"access_token\":\"a\",\"id_token\":\"i\",\"refresh_token\":{}}",
-                             "kept");
+    OAuthTokens tokens = readExchangeResponse(
+        "{\"access_token\":\"a\",\"id_token\":\"i\",\"refresh_token\":{}}", "kept");
     EXPECT_EQ(tokens.accessToken, "a");
     EXPECT_EQ(tokens.idToken, "i");
     EXPECT_EQ(tokens.refreshToken, "kept");

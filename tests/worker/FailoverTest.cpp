@@ -74,12 +74,13 @@ protected:
     // endpoint never answers.
     void holdSession(WorkerHost &on, std::string const &session) {
         size_t before = hangs->requests().size();
-        on.send("SSO_NODE_VERIFY|{\"access_token\":\"held\",\"provider\":\"keycloak\","
-                "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
-                hangs->url("/hang") + "\"}|" + session + "\n");
-        ASSERT_TRUE(log.waitFor(
-            "Sso: Started async node verify flow successfully for user session: '" + session +
-            "'.\n"));
+        on.send(
+            "SSO_NODE_VERIFY|{\"access_token\":\"held\",\"provider\":\"keycloak\","
+            "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
+            hangs->url("/hang") + "\"}|" + session + "\n");
+        ASSERT_TRUE(
+            log.waitFor("Sso: Started async node verify flow successfully for user session: '" +
+                        session + "'.\n"));
         // The transfer has reached the endpoint, so that letting go of it ends the flow.
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         while (hangs->requests().size() == before && std::chrono::steady_clock::now() < deadline) {
@@ -128,9 +129,9 @@ TEST_F(FailoverTest, VerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRoad) 
         "Sso: Attempting async verify flow for user session: '" + session + "'.\n",
         "CurlRequest: ERROR! Session already has active flow.\n",
         "Sso: WARNING! Async verify flow failed to start. Falling back to sync path for user "
-        "session: '" + session + "'.\n",
-        "SsoServer: Push OAuth authz info for user session: '" + session +
-            "' (failover restore)\n",
+        "session: '" +
+            session + "'.\n",
+        "SsoServer: Push OAuth authz info for user session: '" + session + "' (failover restore)\n",
         "Sso: Executing sync verify login for user session: '" + session + "'.\n",
         "SsoActions: Start verify login. Received OAuth code: '" + authorization.code +
             "' and user session: '" + session + "'.\n",
@@ -163,9 +164,9 @@ TEST_F(FailoverTest, RefreshOfASessionWithAFlowInFlightAnswersOnTheBlockingRoad)
         "Sso: Attempting async refresh flow for user session: '" + value + "'.\n",
         "CurlRequest: ERROR! Session already has active flow.\n",
         "Sso: WARNING! Async refresh flow failed to start. Falling back to sync path for user "
-        "session: '" + value + "'.\n",
-        "SsoServer: Push OAuth refresh info for user session: '" + value +
-            "' (failover restore)\n",
+        "session: '" +
+            value + "'.\n",
+        "SsoServer: Push OAuth refresh info for user session: '" + value + "' (failover restore)\n",
         "Sso: Executing sync refresh login for user session: '" + value + "'.\n",
         "SsoActions: Start refresh login. Received UUID: 'uuid-1' and user session: '" + value +
             "'.\n",
@@ -197,8 +198,7 @@ TEST_F(FailoverTest, NodeVerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRo
         auto authorization = LoginDriver::authorize(server, 0, session);
         ASSERT_TRUE(authorization.ok) << authorization.error;
         server.send("SSO_VERIFY|" + authorization.code + "|" + session + "\n");
-        std::string value =
-            sessionValueOf(server.readLine(10000), "SSO_VERIFY_OK", session);
+        std::string value = sessionValueOf(server.readLine(10000), "SSO_VERIFY_OK", session);
         ASSERT_NE(value, "");
         server.send("SSO_GET_NODE_CONFIG|" + value + "\n");
         std::string reply = server.readLine(5000);
@@ -223,7 +223,8 @@ TEST_F(FailoverTest, NodeVerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRo
         "Sso: Attempting async node verify flow for user session: '" + session + "'.\n",
         "CurlRequest: ERROR! Session already has active flow.\n",
         "Sso: WARNING! Async node verify flow failed to start. Falling back to sync path for user "
-        "session: '" + session + "'.\n",
+        "session: '" +
+            session + "'.\n",
         "Sso: Executing sync node login for user session: '" + session + "'.\n",
         "SsoActions: Start node login. Received node configuration: '" + nodeConfig +
             "' and user session: '" + session + "'.\n",
@@ -252,8 +253,7 @@ TEST_F(FailoverTest, RepeatedVerifyFindsTheRecordGoneAndAnswersAtOnce) {
     std::string reply = host.readLine(10000);
     EXPECT_NE(sessionValueOf(reply, "SSO_VERIFY_OK", session), "") << reply;
     EXPECT_EQ(host.readFor(300), "");
-    EXPECT_EQ(log.count("Sso: Attempting async verify flow for user session: '" + session +
-                        "'.\n"),
+    EXPECT_EQ(log.count("Sso: Attempting async verify flow for user session: '" + session + "'.\n"),
               1u);
     EXPECT_TRUE(log.has("Sso: ERROR! Can't get auth info for user session: '" + session + "'.\n"));
 }
@@ -320,8 +320,8 @@ TEST_F(FailoverTest, RefreshWithABrokenConfigurationReferenceEndsBeforeAnyRoad) 
     host.send("SSO_REFRESH|uuid-1|v-beyond\n");
     EXPECT_EQ(host.readLine(5000), "SSO_REFRESH_FAILURE|v-beyond\n");
     EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! Config ID is invalid.\n",
-                                "Sso: Refresh token expired.\n"}));
+    EXPECT_TRUE(log.hasInOrder(
+        {"SsoServer: ERROR! Config ID is invalid.\n", "Sso: Refresh token expired.\n"}));
     EXPECT_FALSE(log.contains("Attempting async refresh flow"));
     EXPECT_FALSE(log.contains("sync refresh login"));
 
@@ -367,7 +367,8 @@ TEST_F(FailoverTest, BadNodeDataFailsOnBothRoadsOfANode) {
         std::vector<std::string> const tail = {
             "CurlRequest: ERROR! Failed to queue node userinfo request.\n",
             "Sso: WARNING! Async node verify flow failed to start. Falling back to sync path for "
-            "user session: '" + session + "'.\n",
+            "user session: '" +
+                session + "'.\n",
             "Sso: Executing sync node login for user session: '" + session + "'.\n",
             "SsoActions: Start node login. Received node configuration: '" + row.node +
                 "' and user session: '" + session + "'.\n",
