@@ -15,7 +15,8 @@ protected:
     void SetUp() override {
         network.cleanUp();
         ASSERT_TRUE(network.init(3));
-        ASSERT_TRUE(SsoServer::getServer().configs.empty());
+        // No provider record at all, as on a node.
+        SsoServer::getServer().clearConfigs();
         idp.on("/me", 200, "{\"email\":\"carol@example.com\"}");
     }
     void TearDown() override { network.cleanUp(); }

@@ -20,6 +20,7 @@ protected:
     void SetUp() override {
         network.cleanUp();
         ASSERT_TRUE(network.init(3));
+        server.clearConfigs();
         auto *config = new SsoServerConfigOAuth();
         config->configId = 0;
         config->provider = "keycloak";
