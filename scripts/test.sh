@@ -8,7 +8,7 @@ scripts/install-deps.sh
 run_suite() {
     local dir=$1
     shift
-    cmake -S . -B "$dir" -DQXSS_SECOND_CONFIG_DIR="$PWD/$dir/test-etc" "$@"
+    cmake -S . -B "$dir" "$@"
     cmake --build "$dir" -j"$(nproc)"
     ctest --test-dir "$dir" --output-on-failure
 }

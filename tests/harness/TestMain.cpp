@@ -1,0 +1,22 @@
+// The main of every test program: GoogleTest with one addition, a listener that gives each test
+// a configuration directory and a role of its own (TestMachine), so that tests and test programs
+// run in any order and side by side.
+#include "tests/harness/TestMachine.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class Isolation : public ::testing::EmptyTestEventListener {
+public:
+    void OnTestStart(::testing::TestInfo const &) override { TestMachine::beginTest(); }
+    void OnTestEnd(::testing::TestInfo const &) override { TestMachine::endTest(); }
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::UnitTest::GetInstance()->listeners().Append(new Isolation);
+    return RUN_ALL_TESTS();
+}
