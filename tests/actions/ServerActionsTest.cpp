@@ -103,14 +103,19 @@ TEST_F(ServerActionsTest, EveryProviderKindLoadsAgainstTheLocalProvider) {
 
 TEST_F(ServerActionsTest, BadFileFailsTheLoad) {
     EXPECT_EQ(startServer("[{\"name\":1}]"), "SSO_LOAD_CONFIGS_FAILURE\n");
-    EXPECT_TRUE(log.has("SsoActions: ERROR! Loading configuration file failed.\n"));
+    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! Field 'name' has not string value in config.\n",
+                                "SsoServer: ERROR! Can't load configure. Config with ID: 0 is "
+                                "invalid.\n",
+                                "SsoActions: ERROR! Loading configuration file failed.\n"}));
 }
 
 TEST_F(ServerActionsTest, UnreachableProviderFailsTheMetadataAndClearsAll) {
     EXPECT_EQ(startServer("[" + entry("Down", "okta", "http://127.0.0.1:1") + "]"),
               "SSO_LOAD_METADATA_FAILURE\n");
-    EXPECT_TRUE(log.hasInOrder({"SsoActions: ERROR! Loading configuration metadata failed.\n",
-                                "SsoServer: Cleaning server configs.\n"}));
+    EXPECT_TRUE(
+        log.hasInOrder({"SsoServer: ERROR! Loading metadata for config with ID: 0 failed.\n",
+                        "SsoActions: ERROR! Loading configuration metadata failed.\n",
+                        "SsoServer: Cleaning server configs.\n"}));
     EXPECT_TRUE(SsoServer::getServer().configs.empty());
     // The handlers made before discovery stay.
     EXPECT_EQ(CurlRequest::getNetwork().handlers.size(), 5u);
