@@ -203,9 +203,12 @@ TEST(ChildProcessTest, DiesWithTheProgramThatStartedIt) {
     ASSERT_EQ(pipe(report), 0);
     pid_t program = fork();
     if (program == 0) {
-        // A stand-in for a test program: starts a helper, reports its pid, waits to be killed.
+        // A stand-in for a test program: starts a helper, reports its pid once the helper
+        // runs (a program that dies earlier is the helper's own check), waits to be killed.
         ChildProcess helper;
-        int pid = helper.start({"sleep", "600"}) ? helper.pid : -1;
+        bool running = helper.start({"sh", "-c", "echo ready 1; exec sleep 600"}) &&
+                       helper.waitForLine("ready ", 10000) == "1";
+        int pid = running ? helper.pid : -1;
         ssize_t ignored = write(report[1], &pid, sizeof pid);
         (void)ignored;
         pause();
