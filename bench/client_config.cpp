@@ -1,5 +1,6 @@
 // "SSO_GET_CONFIG" throughput through the channel, and the memory one pending login costs.
-// Prints figures; asserts nothing.
+// Prints figures. Only the replies that were asked for count: each must be the success line of
+// its own command, in order; a failure line or a missing reply is reported and fails the run.
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
 #include "tests/harness/FailureServer.h"
@@ -12,6 +13,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -23,6 +25,18 @@ std::string session(int n) {
     char text[40];
     std::snprintf(text, sizeof text, "bench-session-%018d", n);
     return text;
+}
+
+bool endsWith(std::string const &text, std::string const &end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// Bytes the allocator has handed out: the arena's chunks in use and the chunks it mapped apart
+// (large blocks such as a store's bucket array).
+size_t heapInUse() {
+    struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
 }
 
 }  // namespace
@@ -44,11 +58,13 @@ int main(int argc, char **argv) {
         "\"https://app.example.com/sso/callback\"],\"qx_user_type\":\"local\"}}]");
     WorkerHost host;
     if (host.start() != 0) {
+        std::fprintf(stderr, "worker did not start\n");
         return 1;
     }
     host.send("SSO_LOAD_CONFIGS\n");
-    if (host.readLine(30000) != "SSO_LOAD_CONFIGS_OK\n") {
-        std::fprintf(stderr, "load failed\n");
+    std::string loaded = host.readLine(30000);
+    if (loaded != "SSO_LOAD_CONFIGS_OK\n") {
+        std::fprintf(stderr, "load failed: '%s'\n", loaded.c_str());
         return 1;
     }
 
@@ -64,19 +80,45 @@ int main(int argc, char **argv) {
         }
         host.send(batch);
     });
-    int replies = 0;
-    while (replies < commands) {
+    int succeeded = 0;
+    int failed = 0;
+    int other = 0;
+    int answered = 0;
+    std::string firstWrong;
+    while (answered < commands) {
         std::string line = host.readLine(10000);
         if (line.empty()) {
             break;
         }
-        ++replies;
+        // The worker answers in order: reply number n belongs to session n.
+        std::string const tail = "|" + session(answered) + "\n";
+        if (line.rfind("SSO_GET_CONFIG_OK|", 0) == 0 && endsWith(line, tail)) {
+            ++succeeded;
+        } else {
+            if (line == "SSO_GET_CONFIG_FAILURE" + tail) {
+                ++failed;
+            } else {
+                ++other;
+            }
+            if (firstWrong.empty()) {
+                firstWrong = line;
+            }
+        }
+        ++answered;
     }
     writer.join();
     double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("SSO_GET_CONFIG through the channel: %d replies in %.2f s: %.0f commands/s\n",
-                replies, seconds, replies / seconds);
+    int missing = commands - answered;
+    std::printf(
+        "SSO_GET_CONFIG through the channel: %d asked, %d succeeded in %.2f s: %.0f "
+        "commands/s\n",
+        commands, succeeded, seconds, succeeded / seconds);
+    if (succeeded != commands) {
+        std::printf("  NOT COUNTED: %d failure lines, %d other lines, %d missing replies%s%s",
+                    failed, other, missing, firstWrong.empty() ? "" : "; first: ",
+                    firstWrong.empty() ? "\n" : firstWrong.c_str());
+    }
     host.stop();
 
     // Memory per pending login, measured on the engine directly.
@@ -89,16 +131,19 @@ int main(int argc, char **argv) {
     config->redirectUris = {"https://app.example.com/sso/callback"};
     server.configs.push_back(config);
     malloc_trim(0);
-    size_t before = mallinfo2().uordblks;
+    size_t before = heapInUse();
     for (int i = 0; i < pending; ++i) {
         char *reply = server.getClientConfig(0, session(i).c_str(), nullptr);
         delete[] reply;
     }
-    size_t after = mallinfo2().uordblks;
-    std::printf("pending logins: %d, heap %.1f MiB, %.0f bytes per pending login\n",
-                static_cast<int>(server.authzInfoBySession.size()), (after - before) / 1048576.0,
-                static_cast<double>(after - before) / pending);
+    size_t after = heapInUse();
+    size_t stored = server.authzInfoBySession.size();
+    double grown = static_cast<double>(after) - static_cast<double>(before);
+    std::printf(
+        "pending logins: %zu stored of %d asked, heap grew %.1f MiB, %.0f bytes per "
+        "pending login\n",
+        stored, pending, grown / 1048576.0, stored > 0 ? grown / stored : 0.0);
     TestMachine::reset();
     SsoSetLogCallback(nullptr, nullptr);
-    return replies == commands ? 0 : 1;
+    return succeeded == commands && stored == static_cast<size_t>(pending) ? 0 : 1;
 }

@@ -6,6 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#ifndef QXSS_SECOND_CONFIG_DIR
+#define QXSS_SECOND_CONFIG_DIR ""
+#endif
+
 namespace {
 
 // 1, 0 or -1 from the fake; 2 when no fake answers.
@@ -49,4 +53,12 @@ int FileAccess(char const *path) {
         return -1;
     }
     return ::access(path, F_OK);
+}
+
+std::string FileSecondConfigDir() {
+    auto const &fake = PlatformFakes::configDir();
+    if (fake) {
+        return fake();
+    }
+    return QXSS_SECOND_CONFIG_DIR;
 }

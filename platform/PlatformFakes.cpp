@@ -15,7 +15,13 @@ std::function<int64_t()> &PlatformFakes::clock() {
     return hook;
 }
 
+std::function<std::string()> &PlatformFakes::configDir() {
+    static std::function<std::string()> hook;
+    return hook;
+}
+
 void PlatformFakes::reset() {
+    configDir() = nullptr;
     clock() = nullptr;
     random() = nullptr;
     fileExists() = nullptr;

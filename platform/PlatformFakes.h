@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 
 // Test-only seams at the platform boundary. Production code never sets them; when a hook is
 // empty the real system answers. Set them before the code under test runs and clear them after.
@@ -17,6 +18,10 @@ public:
 
     // Replaces the clock of ClockSeconds and ClockTimeOfDaySeconds: seconds since the epoch.
     static std::function<int64_t()> &clock();
+
+    // Replaces the build's second configuration directory (see FileSecondConfigDir), so that
+    // each test can give the library a directory of its own, chosen at run time.
+    static std::function<std::string()> &configDir();
 
     // Clears every hook.
     static void reset();

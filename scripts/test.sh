@@ -1,19 +1,26 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds libqxss twice (plain, and with AddressSanitizer +
-# UndefinedBehaviorSanitizer) and runs the whole test suite in both builds.
+# UndefinedBehaviorSanitizer) and runs the whole test suite in both builds: the test programs
+# side by side (one per core), each with its tests in a shuffled order. The shuffle seed is
+# QXSS_TEST_SEED when set, else a new one; it is printed, so that an order that failed can be
+# run again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
+jobs=$(nproc)
+seed=${QXSS_TEST_SEED:-$((RANDOM % 99999 + 1))}
+echo "test.sh: shuffle seed $seed (QXSS_TEST_SEED=$seed repeats this order)"
+
 run_suite() {
     local dir=$1
     shift
-    cmake -S . -B "$dir" -DQXSS_SECOND_CONFIG_DIR="$PWD/$dir/test-etc" "$@"
-    cmake --build "$dir" -j"$(nproc)"
-    ctest --test-dir "$dir" --output-on-failure
+    cmake -S . -B "$dir" "$@"
+    cmake --build "$dir" -j"$jobs"
+    GTEST_RANDOM_SEED=$seed ctest --test-dir "$dir" --output-on-failure -j"$jobs"
 }
 
 run_suite build
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     run_suite build-asan -DQXSS_SANITIZE=ON -DQXSS_BENCH=OFF
-echo "test.sh: all tests passed in both builds"
+echo "test.sh: all tests passed in both builds (shuffle seed $seed)"

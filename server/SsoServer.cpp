@@ -6,15 +6,9 @@
 
 #include <initializer_list>
 
-#ifndef QXSS_SECOND_CONFIG_DIR
-#define QXSS_SECOND_CONFIG_DIR ""
-#endif
-
 namespace {
 
 char const kFirstConfigDir[] = "/usr/QX/etc";
-// Empty in production builds; test builds name a directory of their own.
-char const kSecondConfigDir[] = QXSS_SECOND_CONFIG_DIR;
 
 }  // namespace
 
@@ -33,7 +27,9 @@ SsoServer::~SsoServer() {
 }
 
 bool SsoServer::setConfigPath() {
-    for (char const *candidate : {kFirstConfigDir, kSecondConfigDir}) {
+    // Empty in production builds; tests choose a directory of their own at run time.
+    std::string const second = FileSecondConfigDir();
+    for (char const *candidate : {kFirstConfigDir, second.c_str()}) {
         if (*candidate != '\0' && FileIsEntity(candidate) == 1) {
             configPath = candidate;
             Log() << "SsoServer: Set config path to: '" << configPath << "'\n";

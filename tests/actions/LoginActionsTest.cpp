@@ -102,7 +102,7 @@ TEST(LoginUrlTest, SamlPassesValidationButIsRefused) {
     EXPECT_EQ(urlOf(loginData("Saml")), "<null>");
     EXPECT_TRUE(log.has("SsoActions: 5 login argument: ch.\n"));
     EXPECT_TRUE(log.has("SsoActions: ERROR! Unsupported login type.\n"));
-    EXPECT_FALSE(log.contains("Validate user login data failed"));
+    EXPECT_FALSE(log.has("SsoActions: ERROR! Validate user login data failed.\n"));
 }
 
 TEST(LoginUrlTest, OtherLoginTypeFailsValidation) {
@@ -152,13 +152,40 @@ TEST(LoginTest, NullCallbackFailsBeforeDecoding) {
                                         "SsoActions: ERROR! Browser callback is not provided.\n"}));
 }
 
-TEST(LoginTest, FailuresGiveMinusOne) {
+TEST(LoginTest, FailuresGiveMinusOneAndSayWhy) {
     calls = 0;
-    EXPECT_EQ(SsoLogin("", browser), -1);
-    EXPECT_EQ(SsoLogin(nullptr, browser), -1);
-    EXPECT_EQ(SsoLogin(loginData("Saml").c_str(), browser), -1);
-    EXPECT_EQ(SsoLogin(encoded("||||").c_str(), browser), -1);
+    std::string const start = "SsoActions: Start login.\n";
+    std::string const empty = "SsoActions: ERROR! User login data are empty.\n";
+    struct Row {
+        std::string data;
+        bool null;
+        std::vector<std::string> said;  // statements that must appear, in this order
+    } const rows[] = {
+        {"", false, {start, empty}},
+        {"", true, {start, empty}},
+        {loginData("Saml"),
+         false,
+         {start, "SsoActions: 5 login argument: ch.\n", "Sso: Client constructor.\n",
+          "SsoActions: ERROR! Unsupported login type.\n", "Sso: Client destructor.\n"}},
+        {encoded("||||"),
+         false,
+         {start, "SsoActions: First login argument: .\n",
+          "SsoActions: ERROR! First login argument is invalid.\n",
+          "SsoActions: ERROR! Validate user login data failed.\n"}},
+    };
+    for (auto const &row : rows) {
+        LogCapture log;
+        EXPECT_EQ(SsoLogin(row.null ? nullptr : row.data.c_str(), browser), -1) << row.data;
+        EXPECT_TRUE(log.hasInOrder(row.said)) << row.data;
+        EXPECT_FALSE(log.has("Sso: Client constructor.\n") &&
+                     row.said[2] != "Sso: Client constructor.\n")
+            << row.data;
+    }
     EXPECT_EQ(calls, 0);
+    // Data refused before decoding leave no other statement.
+    LogCapture log;
+    EXPECT_EQ(SsoLogin("", browser), -1);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{start, empty}));
 }
 
 }  // namespace

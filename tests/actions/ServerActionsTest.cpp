@@ -103,14 +103,19 @@ TEST_F(ServerActionsTest, EveryProviderKindLoadsAgainstTheLocalProvider) {
 
 TEST_F(ServerActionsTest, BadFileFailsTheLoad) {
     EXPECT_EQ(startServer("[{\"name\":1}]"), "SSO_LOAD_CONFIGS_FAILURE\n");
-    EXPECT_TRUE(log.has("SsoActions: ERROR! Loading configuration file failed.\n"));
+    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! Field 'name' has not string value in config.\n",
+                                "SsoServer: ERROR! Can't load configure. Config with ID: 0 is "
+                                "invalid.\n",
+                                "SsoActions: ERROR! Loading configuration file failed.\n"}));
 }
 
 TEST_F(ServerActionsTest, UnreachableProviderFailsTheMetadataAndClearsAll) {
     EXPECT_EQ(startServer("[" + entry("Down", "okta", "http://127.0.0.1:1") + "]"),
               "SSO_LOAD_METADATA_FAILURE\n");
-    EXPECT_TRUE(log.hasInOrder({"SsoActions: ERROR! Loading configuration metadata failed.\n",
-                                "SsoServer: Cleaning server configs.\n"}));
+    EXPECT_TRUE(
+        log.hasInOrder({"SsoServer: ERROR! Loading metadata for config with ID: 0 failed.\n",
+                        "SsoActions: ERROR! Loading configuration metadata failed.\n",
+                        "SsoServer: Cleaning server configs.\n"}));
     EXPECT_TRUE(SsoServer::getServer().configs.empty());
     // The handlers made before discovery stay.
     EXPECT_EQ(CurlRequest::getNetwork().handlers.size(), 5u);
@@ -124,7 +129,7 @@ TEST_F(ServerActionsTest, NodeLoadSucceedsWithItsWarning) {
     EXPECT_TRUE(
         log.hasInOrder({"SsoActions: Start loading configuration.\n",
                         "SsoActions: WARNING! Machine type is node. Skip loading configs.\n"}));
-    EXPECT_FALSE(log.contains("Finish loading configuration"));
+    EXPECT_FALSE(log.has("SsoActions: Finish loading configuration.\n"));
     host.send("SSO_GET_NODE_CONFIG|abc\n");
     EXPECT_EQ(host.readLine(), "SSO_GET_NODE_CONFIG_FAILURE|abc\n");
     EXPECT_TRUE(log.has("SsoActions: WARNING! Machine type is node. Can not get node config.\n"));
@@ -139,6 +144,12 @@ TEST_F(ServerActionsTest, NodeLoadSucceedsWithItsWarning) {
 }
 
 TEST_F(ServerActionsTest, NodeConfigThroughTheChannel) {
+    // A refresh record as a finished login with refresh would leave it, stored before the
+    // worker starts (the test thread never writes into the stores while a worker runs); the
+    // load keeps it. The clock stands still, so the record's age is 0.
+    PlatformFakes::clock() = [] { return int64_t{1700000000}; };
+    SsoServer::getServer().refreshInfoBySession["sessionvalue"] =
+        OAuthRefreshInfo{0, 1700000000, "rt", "access-1"};
     ASSERT_EQ(startProviderServer(), "SSO_LOAD_CONFIGS_OK\n");
     host.send("SSO_GET_NODE_CONFIG|unknown\n");
     EXPECT_EQ(host.readLine(), "SSO_GET_NODE_CONFIG_FAILURE|unknown\n");
@@ -147,10 +158,6 @@ TEST_F(ServerActionsTest, NodeConfigThroughTheChannel) {
                         "'unknown'.\n",
                         "SsoServer: ERROR! Refresh information not found.\n",
                         "SsoActions: ERROR! Get node config failed.\n"}));
-    // A refresh record as a finished login with refresh would leave it. The worker is idle
-    // between commands, so the store can be filled from here.
-    SsoServer::getServer().refreshInfoBySession["sessionvalue"] =
-        OAuthRefreshInfo{0, static_cast<int64_t>(std::time(nullptr)), "rt", "access-1"};
     std::string base = LocalProvider::shared().baseUrl();
     std::string expected =
         "SSO_GET_NODE_CONFIG_OK|{\"access_token\":\"access-1\",\"provider\":"
@@ -160,6 +167,7 @@ TEST_F(ServerActionsTest, NodeConfigThroughTheChannel) {
         host.send("SSO_GET_NODE_CONFIG|sessionvalue\n");
         EXPECT_EQ(host.readLine(), expected);
     }
+    // Read after the replies, which the worker wrote after its last change to the store.
     EXPECT_EQ(SsoServer::getServer().refreshInfoBySession.count("sessionvalue"), 1u);
 }
 
@@ -179,11 +187,13 @@ TEST_F(ServerActionsTest, ClientConfigurationAndARealAuthorization) {
                        "\"provider\":\"keycloak\",\"qx_prompt_type\":\"\",\"redirect_uri\":\"" +
                        LocalProvider::redirectUri + "\"}";
     std::string prefix = "SSO_GET_CONFIG_OK|" + json + "|";
-    ASSERT_EQ(reply.compare(0, prefix.size(), prefix), 0) << reply;
-    std::string challenge = reply.substr(prefix.size(), 43);
-    EXPECT_EQ(reply, prefix + challenge + "|" + session + "\n");
-    std::string verifier = SsoServer::getServer().authzInfoBySession[session].codeVerifier;
-    EXPECT_EQ(getHashBase64Url(verifier.c_str()), challenge);
+    // The pending login, read (never written) after the reply that followed its making.
+    auto const &pending = SsoServer::getServer().authzInfoBySession;
+    ASSERT_EQ(pending.count(session), 1u);
+    std::string verifier = pending.at(session).codeVerifier;
+    EXPECT_EQ(verifier.size(), 48u);
+    std::string challenge = getHashBase64Url(verifier.c_str());
+    ASSERT_EQ(reply, prefix + challenge + "|" + session + "\n");
 
     // The host's login data from the reply, and the user's side at the real provider.
     char *encoded = UrlEncode(("OAuth|" + json + "|state-1|nonce-1|" + challenge).c_str());
@@ -207,10 +217,11 @@ TEST_F(ServerActionsTest, ClusterConfigurationPicksTheAddress) {
                          "/v2.0/auth\",\"client_id\":\"qxss-client\",\"provider\":\"microsoft\","
                          "\"qx_prompt_type\":\"\",\"redirect_uri\":\"" +
                          LocalProvider::secondRedirectUri + "\"}|";
-    ASSERT_EQ(reply.compare(0, prefix.size(), prefix), 0) << reply;
-    EXPECT_EQ(reply.size(), prefix.size() + 43 + 1 + 32 + 1);
-    EXPECT_EQ(SsoServer::getServer().authzInfoBySession[session].redirectUri,
-              LocalProvider::secondRedirectUri);
+    auto const &pending = SsoServer::getServer().authzInfoBySession;
+    ASSERT_EQ(pending.count(session), 1u);
+    EXPECT_EQ(pending.at(session).redirectUri, LocalProvider::secondRedirectUri);
+    std::string challenge = getHashBase64Url(pending.at(session).codeVerifier.c_str());
+    ASSERT_EQ(reply, prefix + challenge + "|" + session + "\n");
     EXPECT_TRUE(
         log.has("SsoActions: Start get config. Received user login option id: 1 user "
                 "session: '" +
@@ -218,7 +229,6 @@ TEST_F(ServerActionsTest, ClusterConfigurationPicksTheAddress) {
 
     // The authorization at the provider with the microsoft URL form works too.
     std::string json = reply.substr(reply.find('|') + 1, prefix.size() - reply.find('|') - 2);
-    std::string challenge = reply.substr(prefix.size(), 43);
     char *encoded = UrlEncode(("OAuth|" + json + "|st|nc|" + challenge).c_str());
     char *url = SsoLoginUrl(encoded);
     delete[] encoded;
@@ -230,19 +240,33 @@ TEST_F(ServerActionsTest, ClusterConfigurationPicksTheAddress) {
 
 TEST_F(ServerActionsTest, ClientConfigurationFailures) {
     ASSERT_EQ(startProviderServer(), "SSO_LOAD_CONFIGS_OK\n");
+    std::string const failed = "SsoActions: ERROR! Get config failed.\n";
+    log.clear();
     host.send("SSO_GET_CONFIG|0|short\n");
     EXPECT_EQ(host.readLine(), "SSO_GET_CONFIG_FAILURE|short\n");
+    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! User session is invalid.\n", failed}));
+    log.clear();
     host.send("SSO_GET_CONFIG|2|" + std::string(32, 'x') + "\n");
     EXPECT_EQ(host.readLine(), "SSO_GET_CONFIG_FAILURE|" + std::string(32, 'x') + "\n");
+    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! Config ID is invalid.\n", failed}));
+    log.clear();
     host.send("SSO_GET_CONFIG_CLUSTER|9|10.0.0.1|" + std::string(32, 'y') + "\n");
     EXPECT_EQ(host.readLine(), "SSO_GET_CONFIG_CLUSTER_FAILURE|" + std::string(32, 'y') + "\n");
-    EXPECT_TRUE(log.has("SsoActions: ERROR! Get config failed.\n"));
+    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! Config ID is invalid.\n", failed}));
     // "12x" reads as 12: served (and refused as beyond the records).
+    log.clear();
     host.send("SSO_GET_CONFIG|12x|abc\n");
     EXPECT_EQ(host.readLine(), "SSO_GET_CONFIG_FAILURE|abc\n");
-    // "00" and "-1" read below 1: no reply at all.
+    EXPECT_TRUE(
+        log.has("SsoActions: Start get config. Received user login option id: 12 user "
+                "session: 'abc' and cluster IP (optional): 'nil'.\n"));
+    EXPECT_TRUE(log.hasInOrder({"SsoServer: ERROR! Config ID is invalid.\n", failed}));
+    // "00" and "-1" read below 1, and an empty session is missing: no reply at all, and the
+    // action is never asked.
+    log.clear();
     host.send("SSO_GET_CONFIG|00|abc\nSSO_GET_CONFIG|-1|abc\nSSO_GET_CONFIG_CLUSTER|0|ip|\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.repliesBeforeFence(), "");
+    EXPECT_EQ(log.startingWith("SsoActions: Start get config."), std::vector<std::string>{});
 }
 
 TEST_F(ServerActionsTest, ExtraElementsAreIgnored) {
@@ -271,18 +295,22 @@ TEST(SsoActionsTest, InitializeFailsWithoutAConfigurationDirectory) {
     WorkerHost host;
     log.clear();
     EXPECT_EQ(host.start(), -1);
+    int readFd = -1;
+    int writeFd = -1;
+    for (auto const &line : log.lines()) {
+        sscanf(line.c_str(), "Sso: Internal pipe read FD#%d write FD#%d", &readFd, &writeFd);
+    }
     EXPECT_TRUE(log.hasInOrder({"Sso: Initializing sso environment.\n",
                                 "SsoActions: ERROR! Set configuration path failed.\n",
-                                "Sso: ERROR! Can't initialize sso environment.\n"}));
-    EXPECT_TRUE(log.contains("Sso: Closing FD#"));
-    EXPECT_FALSE(log.contains("SsoActions: Start destroying"));
+                                "Sso: ERROR! Can't initialize sso environment.\n",
+                                "Sso: Closing FD#" + std::to_string(readFd) + " and FD#" +
+                                    std::to_string(writeFd) + ".\n"}));
+    EXPECT_FALSE(log.has("SsoActions: Start destroying sso environment.\n"));
     TestMachine::node();
     EXPECT_EQ(host.start(), 0);
-    TestMachine::reset();
 }
 
 TEST(SsoActionsTest, InitializeFailsWhenTheTransportIsUp) {
-    TestMachine::node();
     ASSERT_TRUE(CurlRequest::getNetwork().init(3));
     LogCapture log;
     EXPECT_EQ(SsoActions::initialize(), -1);
@@ -296,7 +324,6 @@ TEST(SsoActionsTest, InitializeFailsWhenTheTransportIsUp) {
                                "SsoRequest: WARNING! Curl was never initialized before.\n",
                                "SsoServer: Cleaning server configs.\n",
                                "SsoActions: Finish destroying sso environment.\n"}));
-    TestMachine::reset();
 }
 
 TEST(SsoActionsTest, UserSession) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,8 +40,14 @@ bool ChildProcess::start(std::vector<std::string> const &argv, std::string const
         return false;
     }
     auto raw = rawArguments(argv);
+    pid_t parent = getpid();
     pid_t child = fork();
     if (child == 0) {
+        // Killed with the test program, however it ends (a crash, an abort, a time-out's kill),
+        // also when the program is not one that watches its standard input.
+        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
+            _exit(125);
+        }
         dup2(input[0], 0);
         dup2(output[1], 1);
         int devnull = open("/dev/null", O_WRONLY);
@@ -96,6 +103,17 @@ std::string ChildProcess::waitForLine(std::string const &prefix, int ms) {
         }
         buffered_.append(chunk, static_cast<size_t>(got));
     }
+}
+
+bool ChildProcess::exited() {
+    if (pid <= 0) {
+        return true;
+    }
+    if (waitpid(pid, nullptr, WNOHANG) == pid) {
+        pid = -1;
+        return true;
+    }
+    return false;
 }
 
 void ChildProcess::stop() {

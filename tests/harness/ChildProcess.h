@@ -3,9 +3,10 @@
 #include <string>
 #include <vector>
 
-// A helper program run by the tests. Its standard input is a pipe that this object holds, so a
-// child that watches for end of input also ends when the test program dies. The destructor
-// terminates the child and reaps it.
+// A helper program run by the tests. It is killed when the thread that started it ends (the
+// kernel's parent-death signal), so start children from the test program's main thread; and its
+// standard input is a pipe that this object holds, so a child that watches for end of input ends
+// with the program too. The destructor terminates the child and reaps it.
 class ChildProcess {
 public:
     ChildProcess() = default;
@@ -18,6 +19,8 @@ public:
     // Reads the child's standard output until a line starting with `prefix`; returns that line
     // without the prefix, or empty after `ms` milliseconds or at end of output.
     std::string waitForLine(std::string const &prefix, int ms);
+    // True once the child has ended (it is then reaped), or when none was started.
+    bool exited();
     // Stops the child (SIGTERM, then SIGKILL) and reaps it.
     void stop();
     bool running() const { return pid > 0; }

@@ -1,6 +1,6 @@
 #include "tests/harness/FailureServer.h"
 
-#include "tests/harness/ChildProcess.h"
+#include "tests/harness/TempDir.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -34,26 +34,24 @@ char const *reason(int status) {
     }
 }
 
-// Certificate and key for TLS mode, made once per test program.
+// Certificate and key for TLS mode, made once per test program in a temporary directory that
+// goes when the program ends.
 bool makeCertificate(std::string &certificate, std::string &key) {
-    static std::string directory;
-    if (directory.empty()) {
-        char pattern[] = "/tmp/qxss-tls-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
-            return false;
-        }
-        directory = pattern;
+    static TempDir directory("tls");
+    static bool made = false;
+    if (directory.path.empty()) {
+        return false;
+    }
+    certificate = directory.path + "/cert.pem";
+    key = directory.path + "/key.pem";
+    if (!made) {
         std::string command =
             "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
             "-nodes -days 2 -subj /CN=127.0.0.1 -keyout " +
-            directory + "/key.pem -out " + directory + "/cert.pem >/dev/null 2>&1";
-        if (std::system(command.c_str()) != 0) {
-            return false;
-        }
+            key + " -out " + certificate + " >/dev/null 2>&1";
+        made = std::system(command.c_str()) == 0;
     }
-    certificate = directory + "/cert.pem";
-    key = directory + "/key.pem";
-    return true;
+    return made;
 }
 
 }  // namespace

@@ -3,16 +3,17 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <chrono>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <thread>
 
 namespace {
 
+// A port that was free a moment ago. Another process may take it before tinyproxy binds it, so
+// the caller lets tinyproxy report whether it got the port and tries again when it did not.
 int freePort() {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address;
@@ -31,19 +32,15 @@ int freePort() {
     return port;
 }
 
-bool accepts(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    bool connected =
-        fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-    if (fd >= 0) {
-        close(fd);
+bool fileContains(std::string const &path, std::string const &piece) {
+    std::ifstream file(path);
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.find(piece) != std::string::npos) {
+            return true;
+        }
     }
-    return connected;
+    return false;
 }
 
 }  // namespace
@@ -53,50 +50,54 @@ LocalProxy &LocalProxy::shared() {
     return proxy;
 }
 
-LocalProxy::LocalProxy() {
-    char pattern[] = "/tmp/qxss-proxy-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
+LocalProxy::LocalProxy() : directory_("proxy") {
+    if (directory_.path.empty()) {
         error = "no temporary directory";
         return;
     }
-    directory_ = pattern;
-    // tinyproxy drops to an unprivileged user when started as root; it must still write here.
-    chmod(directory_.c_str(), 0777);
-    int chosen = freePort();
-    std::ofstream config(directory_ + "/tinyproxy.conf");
-    config << "Port " << chosen << "\n"
-           << "Listen 127.0.0.1\n"
-           << "Timeout 60\n"
-           << "MaxClients 50\n"
-           << "Allow 127.0.0.1\n"
-           << "LogLevel Info\n"
-           << "LogFile \"" << directory_ << "/tinyproxy.log\"\n";
-    if (geteuid() == 0) {
-        config << "User nobody\nGroup nogroup\n";
-    }
-    config.close();
-    if (!process_.start({"tinyproxy", "-d", "-c", directory_ + "/tinyproxy.conf"})) {
-        error = "cannot start tinyproxy";
-        return;
-    }
-    for (int i = 0; i < 500; ++i) {
-        if (accepts(chosen)) {
-            port = chosen;
+    std::string const configuration = directory_.path + "/tinyproxy.conf";
+    log_ = directory_.path + "/tinyproxy.log";
+    for (int attempt = 1; attempt <= 20; ++attempt) {
+        int chosen = freePort();
+        unlink(log_.c_str());
+        std::ofstream config(configuration, std::ios::trunc);
+        // No "User": started as root, tinyproxy would change its user, and the kernel would
+        // then forget to kill it with the test program.
+        config << "Port " << chosen << "\n"
+               << "Listen 127.0.0.1\n"
+               << "Timeout 60\n"
+               << "MaxClients 50\n"
+               << "Allow 127.0.0.1\n"
+               << "LogLevel Info\n"
+               << "LogFile \"" << log_ << "\"\n";
+        config.close();
+        if (!process_.start({"tinyproxy", "-d", "-c", configuration})) {
+            error = "cannot start tinyproxy (is it installed?)";
             return;
         }
-        usleep(10000);
+        // tinyproxy logs this line once it holds the port, and ends when the port is taken.
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (fileContains(log_, "listening on fd [")) {
+                port = chosen;
+                return;
+            }
+            if (process_.exited()) {
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        if (!process_.exited()) {
+            process_.stop();
+            error = "tinyproxy neither listened nor ended within 10 seconds";
+            return;
+        }
     }
-    error = "tinyproxy did not listen within 5 seconds (is it installed?)";
-    process_.stop();
+    error = "tinyproxy found no free port in 20 attempts";
 }
 
 LocalProxy::~LocalProxy() {
     process_.stop();
-    if (!directory_.empty()) {
-        std::string command = "rm -rf '" + directory_ + "'";
-        int ignored = std::system(command.c_str());
-        (void)ignored;
-    }
 }
 
 std::string LocalProxy::hostPort() const {
@@ -108,7 +109,7 @@ std::string LocalProxy::url() const {
 }
 
 int LocalProxy::connections() const {
-    std::ifstream log(directory_ + "/tinyproxy.log");
+    std::ifstream log(log_);
     std::string line;
     int count = 0;
     while (std::getline(log, line)) {

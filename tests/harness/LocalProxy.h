@@ -1,11 +1,14 @@
 #pragma once
 
 #include "tests/harness/ChildProcess.h"
+#include "tests/harness/TempDir.h"
 
 #include <string>
 
 // A real forward proxy (tinyproxy) on a free loopback port, started for the test program and
-// stopped when it ends. Tunnels (CONNECT) to any port are allowed.
+// stopped when it ends (or killed with it). The port is the one tinyproxy reports having bound;
+// when another process took it first, tinyproxy is started again on another. Tunnels (CONNECT)
+// to any port are allowed.
 class LocalProxy {
 public:
     static LocalProxy &shared();
@@ -24,6 +27,7 @@ public:
     std::string error;
 
 private:
-    std::string directory_;
+    TempDir directory_;
+    std::string log_;
     ChildProcess process_;
 };

@@ -78,6 +78,27 @@ bool LogCapture::contains(std::string const &piece) const {
     return false;
 }
 
+std::vector<std::string> LogCapture::startingWith(std::string const &prefix) const {
+    std::vector<std::string> found;
+    for (auto const &each : lines()) {
+        if (each.compare(0, prefix.size(), prefix) == 0) {
+            found.push_back(each);
+        }
+    }
+    return found;
+}
+
+bool LogCapture::hasFramed(std::string const &prefix, std::string const &suffix) const {
+    for (auto const &each : lines()) {
+        if (each.size() >= prefix.size() + suffix.size() &&
+            each.compare(0, prefix.size(), prefix) == 0 &&
+            each.compare(each.size() - suffix.size(), suffix.size(), suffix) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void LogCapture::clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.clear();
@@ -103,4 +124,22 @@ bool LogCapture::waitForPiece(std::string const &piece, int ms) const {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
+}
+
+bool LogCapture::waitForCount(std::function<bool(std::string const &)> const &matches, size_t times,
+                              int ms) const {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (;;) {
+        size_t found = 0;
+        for (auto const &each : lines()) {
+            found += matches(each) ? 1 : 0;
+        }
+        if (found >= times) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
 }

@@ -28,11 +28,19 @@ public:
     long indexOf(std::string const &line, size_t from = 0) const;
     // True when some statement contains `piece`.
     bool contains(std::string const &piece) const;
+    // The statements that begin with `prefix`, in order.
+    std::vector<std::string> startingWith(std::string const &prefix) const;
+    // True when one statement begins with `prefix` and ends with `suffix`: for statements that
+    // carry a text the library does not make (a libcurl message) between two known ends.
+    bool hasFramed(std::string const &prefix, std::string const &suffix) const;
     void clear();
     // Waits up to `ms` milliseconds until at least `times` statements equal `line`.
     bool waitFor(std::string const &line, size_t times = 1, int ms = 5000) const;
     // Waits up to `ms` milliseconds until some statement contains `piece`.
     bool waitForPiece(std::string const &piece, int ms = 5000) const;
+    // Waits up to `ms` milliseconds until at least `times` statements satisfy `matches`.
+    bool waitForCount(std::function<bool(std::string const &)> const &matches, size_t times,
+                      int ms = 5000) const;
 
     // Called with each statement, on the logging thread, after it was stored; may block.
     std::function<void(std::string const &)> onLine;

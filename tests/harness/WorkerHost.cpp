@@ -88,9 +88,40 @@ std::string WorkerHost::readFor(int ms) {
     return all;
 }
 
+std::string WorkerHost::repliesBeforeFence(int ms) {
+    static std::string const fenceReply = "SSO_GET_NODE_CONFIG_FAILURE|qxss-fence\n";
+    send("SSO_GET_NODE_CONFIG|qxss-fence\n");
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    std::string before;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        std::string line = left > 0 ? readLine(static_cast<int>(left)) : std::string();
+        if (line.empty()) {
+            return before + "<no fence reply>";
+        }
+        if (line == fenceReply) {
+            return before;
+        }
+        before += line;
+    }
+}
+
 void WorkerHost::closeHostEnd() {
     if (hostFd >= 0) {
         ::close(hostFd);
         hostFd = -1;
     }
+}
+
+std::string workerThreadId(LogCapture const &log) {
+    static std::string const head = "Sso: Thread ";
+    for (auto const &line : log.startingWith(head)) {
+        size_t end = line.find(" created with I/O FD#");
+        if (end != std::string::npos) {
+            return line.substr(head.size(), end - head.size());
+        }
+    }
+    return std::string();
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/harness/LogCapture.h"
+
 #include <chrono>
 #include <string>
 
@@ -20,8 +22,14 @@ public:
     void send(std::string const &text) const;
     // Reads one reply line (up to and including "\n"), waiting up to `ms`; empty on time-out.
     std::string readLine(int ms = 5000);
-    // Everything that arrives within `ms` (for "no reply" checks).
+    // Everything that arrives within `ms`.
     std::string readFor(int ms);
+    // Sends a command that every role answers at once, "SSO_GET_NODE_CONFIG|qxss-fence", and
+    // returns what arrived before its reply: the replies of the commands sent earlier, which the
+    // worker answers in order. So "" proves that they got no reply, without waiting for a time
+    // that might be too short. Ends with "<no fence reply>" when the fence is not answered
+    // within `ms`.
+    std::string repliesBeforeFence(int ms = 5000);
     // Closes the host's end (end of file for the worker).
     void closeHostEnd();
 
@@ -34,3 +42,8 @@ private:
     bool receive(std::chrono::steady_clock::time_point deadline);
     std::string pending_;
 };
+
+// The worker's thread id as its log statements show it, taken from the host's line
+// "Sso: Thread <id> created with I/O FD#..." (logged before SsoInitialize returns); "" when the
+// capture holds no such line.
+std::string workerThreadId(LogCapture const &log);

@@ -8,15 +8,17 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <ctime>
 
 namespace {
 
 std::string const kSession(32, 's');
+// The clock stands still during each test (see SetUp).
+constexpr int64_t kNow = 1700000000;
 
 class ClientConfigTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        PlatformFakes::clock() = [] { return kNow; };
         auto *config = new SsoServerConfigOAuth();
         config->configId = 0;
         config->provider = "keycloak";
@@ -74,22 +76,30 @@ TEST_F(ClientConfigTest, ComposesJsonChallengeAndSession) {
     }));
 }
 
-TEST_F(ClientConfigTest, ChallengeHoldsUrlSafeCharacters) {
-    // A verifier whose Base64 digest holds "+" and "/": 48 "A" characters.
+TEST_F(ClientConfigTest, ChallengeIsUrlSafeWhereBase64HasPlusAndSlash) {
+    // 48 "B" bytes make the verifier "BBB...B", whose SHA-256 in standard Base64,
+    // "2rfc4d3nMoK88I/26W/YaMZZ+m8sRkxb9+sKhMo+CN4=", holds "+", "/" and "=".
     PlatformFakes::random() = [](char *buffer, int length) {
-        std::memset(buffer, 'A', static_cast<size_t>(length));
+        std::memset(buffer, 'B', static_cast<size_t>(length));
         return 1;
     };
-    std::string result = clientConfig(0, kSession.c_str());
-    std::string challenge = getHashBase64Url(std::string(48, 'A').c_str());
-    EXPECT_NE(result.find("|" + challenge + "|"), std::string::npos);
-    EXPECT_EQ(challenge.size(), 43u);
+    std::string const challenge = "2rfc4d3nMoK88I_26W_YaMZZ-m8sRkxb9-sKhMo-CN4";
+    std::string const json =
+        "{\"auth_uri\":\"https://idp/auth\",\"client_id\":\"cid\",\"provider\":"
+        "\"keycloak\",\"qx_prompt_type\":\"\",\"redirect_uri\":\"https://10.0.0.1/cb\"}";
+    EXPECT_EQ(clientConfig(0, kSession.c_str()), json + "|" + challenge + "|" + kSession);
+    EXPECT_EQ(server.authzInfoBySession.at(kSession).codeVerifier, std::string(48, 'B'));
 }
 
 TEST_F(ClientConfigTest, ClusterIpSelectsTheRedirectUri) {
     std::string result = clientConfig(0, kSession.c_str(), "10.0.0.2");
-    EXPECT_NE(result.find("\"redirect_uri\":\"https://10.0.0.2/cb\""), std::string::npos);
-    EXPECT_EQ(server.authzInfoBySession[kSession].redirectUri, "https://10.0.0.2/cb");
+    ASSERT_EQ(server.authzInfoBySession.count(kSession), 1u);
+    OAuthAuthzInfo const &saved = server.authzInfoBySession.at(kSession);
+    EXPECT_EQ(result,
+              "{\"auth_uri\":\"https://idp/auth\",\"client_id\":\"cid\",\"provider\":"
+              "\"keycloak\",\"qx_prompt_type\":\"\",\"redirect_uri\":\"https://10.0.0.2/cb\"}|" +
+                  getHashBase64Url(saved.codeVerifier.c_str()) + "|" + kSession);
+    EXPECT_EQ(saved.redirectUri, "https://10.0.0.2/cb");
     EXPECT_TRUE(log.has("SsoServer: Get client config for config ID: 0, user session: '" +
                         kSession + "' and clusterIp (optional): '10.0.0.2'.\n"));
 }
@@ -106,13 +116,21 @@ TEST_F(ClientConfigTest, SecondRequestKeepsTheFirstVerifier) {
 }
 
 TEST_F(ClientConfigTest, SessionLength) {
+    std::string const invalid = "SsoServer: ERROR! User session is invalid.\n";
     EXPECT_EQ(clientConfig(0, std::string(31, 's').c_str()), "<null>");
-    EXPECT_EQ(log.lines().back(), "SsoServer: ERROR! User session is invalid.\n");
+    EXPECT_EQ(log.lines().back(), invalid);
+    log.clear();
     EXPECT_EQ(clientConfig(0, ""), "<null>");
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "SsoServer: Get client config for config ID: 0, user session: '' "
+                               "and clusterIp (optional): 'nil'.\n",
+                               invalid}));
+    log.clear();
     EXPECT_EQ(clientConfig(0, nullptr), "<null>");
-    EXPECT_TRUE(
-        log.has("SsoServer: Get client config for config ID: 0, user session: 'nil' and "
-                "clusterIp (optional): 'nil'.\n"));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "SsoServer: Get client config for config ID: 0, user session: 'nil' "
+                               "and clusterIp (optional): 'nil'.\n",
+                               invalid}));
     EXPECT_TRUE(server.authzInfoBySession.empty());
     EXPECT_NE(clientConfig(0, std::string(32, 's').c_str()), "<null>");
 }
@@ -155,8 +173,7 @@ TEST_F(ClientConfigTest, LoginOptionsAreACopy) {
 }
 
 TEST_F(ClientConfigTest, NodeConfigReadsWithoutConsuming) {
-    server.refreshInfoBySession["t"] =
-        OAuthRefreshInfo{0, static_cast<int64_t>(std::time(nullptr)), "rt", "at"};
+    server.refreshInfoBySession["t"] = OAuthRefreshInfo{0, kNow, "rt", "at"};
     for (int round = 0; round < 2; ++round) {
         char *node = server.getNodeConfig("t");
         ASSERT_NE(node, nullptr);
@@ -181,8 +198,7 @@ TEST_F(ClientConfigTest, NodeConfigFailures) {
     EXPECT_EQ(log.lines().back(), "SsoServer: ERROR! User session is empty.\n");
     EXPECT_EQ(server.getNodeConfig("000"), nullptr);
     EXPECT_EQ(log.lines().back(), "SsoServer: ERROR! Refresh information not found.\n");
-    server.refreshInfoBySession["aged"] =
-        OAuthRefreshInfo{0, static_cast<int64_t>(std::time(nullptr)) - 4000, "rt", "at"};
+    server.refreshInfoBySession["aged"] = OAuthRefreshInfo{0, kNow - 4000, "rt", "at"};
     EXPECT_EQ(server.getNodeConfig("aged"), nullptr);
     EXPECT_EQ(log.lines().back(), "SsoServer: ERROR! Refresh information validation failed.\n");
     EXPECT_EQ(server.refreshInfoBySession.count("aged"), 1u);
@@ -190,8 +206,7 @@ TEST_F(ClientConfigTest, NodeConfigFailures) {
     server.cleanTokens();
     EXPECT_EQ(server.refreshInfoBySession.count("aged"), 0u);
     record().userinfoUri.clear();
-    server.refreshInfoBySession["t"] =
-        OAuthRefreshInfo{0, static_cast<int64_t>(std::time(nullptr)), "rt", "at"};
+    server.refreshInfoBySession["t"] = OAuthRefreshInfo{0, kNow, "rt", "at"};
     EXPECT_EQ(server.getNodeConfig("t"), nullptr);
     EXPECT_EQ(log.lines().back(), "SsoServer: ERROR! Node configuration is empty.\n");
 }

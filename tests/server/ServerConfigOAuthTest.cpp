@@ -24,6 +24,7 @@ protected:
                                "https://host.10.0.0.1/x"};
         config.userinfoUri = "https://idp/userinfo";
         config.userType = "domain";
+        config.clientSecret = "the-client-secret";
     }
     SsoServerConfigOAuth config;
 };
@@ -50,9 +51,13 @@ TEST_F(ServerConfigOAuthTest, ClientJsonAlwaysHasThePromptType) {
               "{\"auth_uri\":\"https://idp/authorize\",\"client_id\":\"cid\",\"provider\":\"okta\","
               "\"qx_prompt_type\":\"\",\"redirect_uri\":\"https://10.0.0.12/cb\"}");
     config.promptType = "login";
-    EXPECT_NE(config.getClientConfigAsJson(0).find("\"qx_prompt_type\":\"login\""),
-              std::string::npos);
-    EXPECT_EQ(config.getClientConfigAsJson(0).find("secret"), std::string::npos);
+    std::string json = config.getClientConfigAsJson(0);
+    EXPECT_EQ(json,
+              "{\"auth_uri\":\"https://idp/authorize\",\"client_id\":\"cid\",\"provider\":\"okta\","
+              "\"qx_prompt_type\":\"login\",\"redirect_uri\":\"https://10.0.0.1/cb\"}");
+    // The record has a client secret (see SetUp); the client is never told it.
+    ASSERT_EQ(config.clientSecret, "the-client-secret");
+    EXPECT_EQ(json.find(config.clientSecret), std::string::npos);
 }
 
 TEST_F(ServerConfigOAuthTest, ClientJsonNeedsTheRequiredFields) {
@@ -98,7 +103,9 @@ TEST_F(ServerConfigOAuthTest, NodeJsonNeedsTokenAndUserinfo) {
     // The provider is not required here.
     config.userinfoUri = "https://u";
     config.provider.clear();
-    EXPECT_NE(config.getNodeConfigJson("tok"), "");
+    EXPECT_EQ(config.getNodeConfigJson("tok"),
+              "{\"access_token\":\"tok\",\"provider\":\"\",\"qx_user_type\":\"domain\","
+              "\"userinfo_uri\":\"https://u\"}");
 }
 
 TEST(ServerConfigOAuthFillTest, FillsEveryFieldFromAnEntry) {
@@ -156,7 +163,9 @@ TEST(ServerConfigOAuthFillTest, WrongTypesNeverEscape) {
     LogCapture log;
     config.setConfigData(
         parsed("{\"id\":1,\"provider\":[1],\"config\":{\"redirect_uris\":[\"a\"]}}"));
-    EXPECT_TRUE(log.contains("SsoServerConfigOAuth: ERROR! Config has a value of a wrong type: '"));
+    EXPECT_EQ(log.lines().back(),
+              "SsoServerConfigOAuth: ERROR! Config has a value of a wrong type: 'Type is not "
+              "convertible to string'.\n");
 }
 
 TEST(ServerConfigOAuthFillTest, ConstructorAndDestructorLog) {

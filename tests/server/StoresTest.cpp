@@ -1,29 +1,34 @@
 // Pending logins and refresh records: consumed, restored, validated, aged.
+#include "platform/PlatformFakes.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
 #include "tests/harness/LogCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <ctime>
-
 namespace {
+
+// The clock stands still during each test, so that an age computed here is the age the
+// server computes, whenever the second turns.
+constexpr int64_t kNow = 1700000000;
 
 class StoresTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        PlatformFakes::clock() = [] { return kNow; };
         auto *config = new SsoServerConfigOAuth();
         config->configId = 0;
         server.configs.push_back(config);
         log.clear();
     }
+    void TearDown() override { PlatformFakes::clock() = nullptr; }
 
     SsoServerConfigOAuth &record() {
         return *static_cast<SsoServerConfigOAuth *>(server.configs[0]);
     }
 
     OAuthRefreshInfo refreshAged(int64_t age) {
-        return OAuthRefreshInfo{0, static_cast<int64_t>(std::time(nullptr)) - age, "rt", "at"};
+        return OAuthRefreshInfo{0, kNow - age, "rt", "at"};
     }
 
     SsoServer server;

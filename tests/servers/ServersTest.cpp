@@ -1,5 +1,6 @@
 // The local servers themselves, spoken to with plain libcurl: what later tests rely on.
 #include "support/SsoUtils.h"
+#include "tests/harness/ChildProcess.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LocalProvider.h"
 #include "tests/harness/LocalProxy.h"
@@ -7,6 +8,13 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <json/reader.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
 
 #include <string>
 #include <vector>
@@ -162,20 +170,74 @@ TEST(FailureServerTest, ScriptedAnswersAndRecordedRequests) {
 
 TEST(LocalProxyTest, TunnelsToTheProvider) {
     auto &proxy = LocalProxy::shared();
+    auto &provider = LocalProvider::shared();
     ASSERT_TRUE(proxy.ready()) << proxy.error;
+    ASSERT_TRUE(provider.ready()) << provider.error;
     int before = proxy.connections();
     CURL *curl = curl_easy_init();
     std::string body;
-    std::string url = LocalProvider::shared().baseUrl() + "/.well-known/openid-configuration";
+    std::string url = provider.baseUrl() + "/.well-known/openid-configuration";
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_PROXY, proxy.url().c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPPROXYTUNNEL, 1L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 20L);
     EXPECT_EQ(curl_easy_perform(curl), CURLE_OK);
     curl_easy_cleanup(curl);
-    EXPECT_NE(body.find("authorization_endpoint"), std::string::npos);
+    Json::Value document;
+    ASSERT_TRUE(Json::Reader().parse(body, document)) << body;
+    EXPECT_EQ(document["authorization_endpoint"], provider.baseUrl() + "/auth") << body;
     EXPECT_EQ(proxy.connections(), before + 1);
+}
+
+// A helper program dies with the test program that started it, even when that program is
+// killed outright and the helper does not watch its standard input.
+TEST(ChildProcessTest, DiesWithTheProgramThatStartedIt) {
+    // Orphans of this process come back to it, so that it can see how the helper ended.
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    struct Unset {
+        ~Unset() { prctl(PR_SET_CHILD_SUBREAPER, 0); }
+    } unset;
+    int report[2];
+    ASSERT_EQ(pipe(report), 0);
+    pid_t program = fork();
+    if (program == 0) {
+        // A stand-in for a test program: starts a helper, reports its pid once the helper
+        // runs (a program that dies earlier is the helper's own check), waits to be killed.
+        ChildProcess helper;
+        bool running = helper.start({"sh", "-c", "echo ready 1; exec sleep 600"}) &&
+                       helper.waitForLine("ready ", 10000) == "1";
+        int pid = running ? helper.pid : -1;
+        ssize_t ignored = write(report[1], &pid, sizeof pid);
+        (void)ignored;
+        pause();
+        _exit(0);
+    }
+    ASSERT_GT(program, 0);
+    close(report[1]);
+    int helper = -1;
+    ASSERT_EQ(read(report[0], &helper, sizeof helper), static_cast<ssize_t>(sizeof helper));
+    close(report[0]);
+    ASSERT_GT(helper, 0);
+    ASSERT_EQ(kill(program, SIGKILL), 0);
+    ASSERT_EQ(waitpid(program, nullptr, 0), program);
+    // The helper was orphaned to this process; it must end by SIGKILL, at once.
+    int status = 0;
+    pid_t ended = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while ((ended = waitpid(helper, &status, WNOHANG)) == 0 &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (ended == 0) {
+        kill(helper, SIGKILL);
+        waitpid(helper, nullptr, 0);
+        FAIL() << "the helper outlived the program that started it";
+    }
+    ASSERT_EQ(ended, helper);
+    EXPECT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
 }
 
 }  // namespace

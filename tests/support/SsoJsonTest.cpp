@@ -2,34 +2,14 @@
 #include "platform/PlatformFakes.h"
 #include "support/SsoJson.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/TempDir.h"
 
 #include <gtest/gtest.h>
 #include <json/value.h>
 
-#include <cstdio>
-#include <fstream>
 #include <string>
 
 namespace {
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/qxss-json-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() {
-        std::string command = "rm -rf '" + path + "'";
-        int ignored = std::system(command.c_str());
-        (void)ignored;
-    }
-    std::string file(std::string const &name, std::string const &content) const {
-        std::string full = path + "/" + name;
-        std::ofstream(full, std::ios::binary) << content;
-        return full;
-    }
-    std::string path;
-};
 
 TEST(ReadStringTest, ParsesLenientlyAndLogsTheText) {
     LogCapture log;
@@ -59,15 +39,17 @@ TEST(ReadStringTest, BrokenTextLogsTheReadersMessage) {
     LogCapture log;
     Json::Value value;
     EXPECT_FALSE(readString("{\"a\":", value));
-    auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[1], "SsoJson: ERROR! Parsing string to JSON object failed.\n");
-    EXPECT_EQ(lines[2].rfind("SsoJson: ERROR! Internal JSON error message: * Line 1, Column ", 0),
-              0u);
+    EXPECT_EQ(
+        log.lines(),
+        (std::vector<std::string>{
+            "SsoJson: Received '{\"a\":' for string to JSON parsing.\n",
+            "SsoJson: ERROR! Parsing string to JSON object failed.\n",
+            "SsoJson: ERROR! Internal JSON error message: * Line 1, Column 6\n  Syntax error: "
+            "value, object or array expected.\n.\n"}));
 }
 
 TEST(ReadFileTest, EmptyFile) {
-    TempDir dir;
+    TempDir dir("json");
     std::string path = dir.file("empty.json", "");
     LogCapture log;
     Json::Value value;
@@ -82,7 +64,7 @@ TEST(ReadFileTest, EmptyFile) {
 }
 
 TEST(ReadFileTest, ExactlyOneBlock) {
-    TempDir dir;
+    TempDir dir("json");
     std::string text = "[\"" + std::string(4096 - 4, 'x') + "\"]";
     ASSERT_EQ(text.size(), 4096u);
     std::string path = dir.file("block.json", text);
@@ -112,12 +94,12 @@ TEST(ReadFileTest, MissingPathsAndFiles) {
 
 TEST(ReadFileTest, UnopenableFile) {
     // A directory exists but cannot be read as a file.
-    TempDir dir;
+    TempDir dir("json");
     LogCapture log;
     Json::Value value;
     EXPECT_FALSE(readFile(dir.path.c_str(), value));
-    EXPECT_TRUE(log.has("SsoJson: ERROR! Error occurence during reading the file.\n") ||
-                log.has("SsoJson: ERROR! Can't open the file.\n"));
+    // Opening a directory for reading works on Linux; the first read fails (EISDIR).
+    EXPECT_EQ(log.lines().back(), "SsoJson: ERROR! Error occurence during reading the file.\n");
 }
 
 TEST(WriteStringTest, CompactSortedForm) {
@@ -147,7 +129,7 @@ TEST(WriteStringTest, EmptyAndScalarValuesFail) {
 }
 
 TEST(WriteFileTest, WritesAndReadsBack) {
-    TempDir dir;
+    TempDir dir("json");
     std::string path = dir.path + "/out.json";
     Json::Value value;
     value["a"] = 1;
@@ -158,7 +140,10 @@ TEST(WriteFileTest, WritesAndReadsBack) {
     EXPECT_TRUE(
         writeFile(std::vector<Json::Value>{Json::Value(1), Json::Value("x")}, path.c_str()));
     EXPECT_TRUE(readFile(path.c_str(), back));
-    EXPECT_EQ(back.size(), 2u);
+    Json::Value array(Json::arrayValue);
+    array.append(1);
+    array.append("x");
+    EXPECT_EQ(back, array);
 }
 
 TEST(WriteFileTest, MissingDirectoryFailsAtTheOpen) {

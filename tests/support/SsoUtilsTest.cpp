@@ -113,17 +113,28 @@ TEST(SsoUtilsMoreTest, HashForms) {
                                "SsoUtils: Received 'nil' for Base64Url(SHA256) formatting.\n"}));
 }
 
-TEST(SsoUtilsMoreTest, Base64UrlReplacesPlusAndSlash) {
-    // SHA-256 of "a" in Base64 is "ypeBEsobvcr6wjGzmiPcTaeG7/gUfE5yuYB3ha/uSLs=".
+TEST(SsoUtilsMoreTest, Base64UrlReplacesPlusAndSlashAndDropsThePadding) {
+    // SHA-256 of "d" in standard Base64 holds "+", "/" and "=".
     LogCapture log;
+    EXPECT_EQ(getHashBase64Url("d"), "GKw-c0PwFokMUQ6T-TUmEWnZ4_VlQ2Qpgw-vCTT0-OQ");
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "SsoUtils: Received 'd' for Base64Url(SHA256) formatting.\n",
+                  "SsoUtils: Buffer: 'GKw+c0PwFokMUQ6T+TUmEWnZ4/VlQ2Qpgw+vCTT0+OQ=' in "
+                  "Base64(SHA256) format.\n",
+                  "SsoUtils: Base64URL(SHA256) string is: "
+                  "'GKw-c0PwFokMUQ6T-TUmEWnZ4_VlQ2Qpgw-vCTT0-OQ'.\n"}));
+    // And "a", whose digest has "/" twice.
     EXPECT_EQ(getHashBase64Url("a"), "ypeBEsobvcr6wjGzmiPcTaeG7_gUfE5yuYB3ha_uSLs");
-    EXPECT_TRUE(
-        log.has("SsoUtils: Buffer: 'ypeBEsobvcr6wjGzmiPcTaeG7/gUfE5yuYB3ha/uSLs=' in "
-                "Base64(SHA256) format.\n"));
-    // And one with "+": SHA-256 of "b".
-    std::string b = getHashBase64Url("b");
-    EXPECT_EQ(b.find_first_of("+/="), std::string::npos);
-    EXPECT_EQ(b.size(), 43u);
+    // Every result is URL-safe: nothing but letters, digits, "-" and "_".
+    for (char const *text : {"a", "b", "d", "dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"}) {
+        std::string result = getHashBase64Url(text);
+        EXPECT_EQ(result.size(), 43u) << text;
+        EXPECT_EQ(result.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                           "0123456789-_"),
+                  std::string::npos)
+            << text;
+    }
 }
 
 }  // namespace

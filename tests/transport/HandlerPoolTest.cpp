@@ -52,7 +52,12 @@ TEST(CurlRequestInitTest, StartsAgainAfterCleanUp) {
     EXPECT_FALSE(network.initialized);
     ASSERT_TRUE(network.init(1));
     EXPECT_NE(network.errorBuffer, nullptr);
+    // The new error buffer carries libcurl's reason again.
+    LogCapture log;
     EXPECT_EQ(network.syncRequest(HttpGet, "http://127.0.0.1:1/", {}, nullptr, nullptr), "");
+    EXPECT_TRUE(log.hasFramed(
+        "CurlRequest: ERROR! Sync request failed: 'Failed to connect to 127.0.0.1 port 1 after ",
+        " ms: Couldn't connect to server' (code: 7)\n"));
 }
 
 TEST(CurlRequestInitTest, PoolNeedsInit) {

@@ -1,7 +1,9 @@
 // Starting and stopping the worker, and its ends other than the stop message.
+#include "server/SsoServer.h"
 #include "tests/harness/LogCapture.h"
 #include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
+#include "transport/CurlRequest.h"
 #include "worker/libqxss.h"
 
 #include <fcntl.h>
@@ -14,15 +16,7 @@
 
 namespace {
 
-// Every worker test runs on a node unless it says otherwise.
-class NodeEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override { TestMachine::node(); }
-    void TearDown() override { TestMachine::reset(); }
-};
-
-::testing::Environment *const nodeEnvironment =
-    ::testing::AddGlobalTestEnvironment(new NodeEnvironment);
+// Every test starts on a node (the test main sees to it).
 
 // "Sso: Internal pipe read FD#<r> write FD#<w>.\n" -> {r, w}
 std::pair<int, int> pipeNumbers(LogCapture const &log) {
@@ -49,10 +43,13 @@ TEST(LifecycleTest, StartLogsTheWholeRoad) {
         "Sso: Initializing sso environment.\n",
         "Sso: Creating worker thread.\n",
     }));
-    EXPECT_TRUE(log.waitForPiece(" started job with I/O FD: " + fd + " internal FD#" +
-                                 std::to_string(fds.first) + " and FD#" +
-                                 std::to_string(fds.second) + ".\n"));
-    EXPECT_TRUE(log.contains(" created with I/O FD#" + fd + " internal FD#"));
+    std::string id = workerThreadId(log);
+    ASSERT_FALSE(id.empty());
+    std::string internal =
+        " internal FD#" + std::to_string(fds.first) + " and FD#" + std::to_string(fds.second);
+    EXPECT_TRUE(log.has("Sso: Thread " + id + " created with I/O FD#" + fd + internal + ".\n"));
+    EXPECT_TRUE(log.waitFor("Sso: Worker thread " + id + " started job with I/O FD: " + fd +
+                            internal + ".\n"));
 }
 
 TEST(LifecycleTest, SecondInitializeIsRefusedAndTheFirstWorkerRuns) {
@@ -110,10 +107,12 @@ TEST(LifecycleTest, EndOfFileEndsTheWorkerAndInitializeRefusesUntilDestroy) {
     LogCapture log;
     WorkerHost host;
     ASSERT_EQ(host.start(), 0);
+    std::string id = workerThreadId(log);
     host.closeHostEnd();
-    ASSERT_TRUE(log.waitForPiece(" reaches EOF.\n"));
-    EXPECT_TRUE(log.contains(" readed 0 bytes from FD#" + std::to_string(host.libraryFd) + ".\n"));
-    EXPECT_TRUE(log.contains("Sso: WARNING! Worker thread "));
+    ASSERT_TRUE(log.waitFor("Sso: WARNING! Worker thread " + id + " reaches EOF.\n"));
+    EXPECT_TRUE(log.hasInOrder({"Sso: Worker thread " + id + " readed 0 bytes from FD#" +
+                                    std::to_string(host.libraryFd) + ".\n",
+                                "Sso: WARNING! Worker thread " + id + " reaches EOF.\n"}));
     WorkerHost other;
     EXPECT_EQ(other.start(), -1);
     EXPECT_TRUE(log.has("Sso: ERROR! Worker thread was created.\n"));
@@ -128,9 +127,12 @@ TEST(LifecycleTest, ReadFailureClosesThePipeAndDestroyLeavesReusedNumbersAlone) 
     ASSERT_GE(directory, 0);
     ASSERT_EQ(SsoInitialize(directory), 0);
     auto fds = pipeNumbers(log);
-    ASSERT_TRUE(log.waitForPiece(" got internal error. Closing FD: " + std::to_string(fds.first) +
-                                 " and FD#" + std::to_string(fds.second) + ".\n"));
-    EXPECT_TRUE(log.contains(" readed -1 bytes from FD#" + std::to_string(directory) + ".\n"));
+    std::string id = workerThreadId(log);
+    ASSERT_TRUE(log.waitFor("Sso: ERROR! Worker thread " + id +
+                            " got internal error. Closing FD: " + std::to_string(fds.first) +
+                            " and FD#" + std::to_string(fds.second) + ".\n"));
+    EXPECT_TRUE(log.has("Sso: Worker thread " + id + " readed -1 bytes from FD#" +
+                        std::to_string(directory) + ".\n"));
     // Wait for the worker to have closed both ends, then let the numbers be reused.
     for (int i = 0; i < 1000 && fcntl(fds.second, F_GETFD) != -1; ++i) {
         usleep(1000);
@@ -167,24 +169,30 @@ TEST(LifecycleTest, InitDestroyInitDestroy) {
 }
 
 TEST(LifecycleTest, StopMessageWinsOverPendingInput) {
-    LogCapture log;
-    WorkerHost host;
-    ASSERT_EQ(host.start(), 0);
-    auto fds = pipeNumbers(log);
     // Hold the worker inside its turn (in the log callback) while input and a stop message both
     // arrive; its next wait then sees both descriptors readable. Statements are delivered one at
     // a time, so nothing else may log while the worker is held: the stop bytes are written to
-    // the internal pipe directly, as SsoDestroy would.
+    // the internal pipe directly, as SsoDestroy would. The hook is in place before the worker
+    // starts, and the worker is released however the test ends.
     std::atomic<bool> held{false};
     std::atomic<bool> released{false};
+    LogCapture log;
     log.onLine = [&](std::string const &line) {
-        if (!released && line.find("got nullptr result") != std::string::npos) {
+        if (!released && line.find(" got nullptr result. Writing abort.\n") != std::string::npos) {
             held = true;
             while (!released) {
                 usleep(1000);
             }
         }
     };
+    WorkerHost host;
+    struct Release {
+        std::atomic<bool> &released;
+        ~Release() { released = true; }
+    } release{released};
+    ASSERT_EQ(host.start(), 0);
+    auto fds = pipeNumbers(log);
+    std::string id = workerThreadId(log);
     host.send("A\n");
     for (int i = 0; i < 5000 && !held; ++i) {
         usleep(1000);
@@ -192,18 +200,15 @@ TEST(LifecycleTest, StopMessageWinsOverPendingInput) {
     ASSERT_TRUE(held);
     host.send("SSO_LOAD_CONFIGS\n");
     int32_t stop = 1;
+    // Both writes are complete when they return: the worker's next wait sees both.
     ASSERT_EQ(write(fds.second, &stop, sizeof stop), 4);
-    usleep(20000);
     released = true;
-    ASSERT_TRUE(log.waitForPiece(" received exit message.\n"));
+    ASSERT_TRUE(log.waitFor("Sso: Worker thread " + id + " received exit message.\n"));
     host.stop();
-    log.onLine = nullptr;
-    size_t reads = 0;
-    for (auto const &line : log.lines()) {
-        reads += line.find(" reading from FD#") != std::string::npos ? 1 : 0;
-    }
-    EXPECT_EQ(reads, 1u);
-    EXPECT_FALSE(log.contains("Extracted message: 'SSO_LOAD_CONFIGS'"));
+    EXPECT_EQ(log.count("Sso: Worker thread " + id + " reading from FD#" +
+                        std::to_string(host.libraryFd) + ".\n"),
+              1u);
+    EXPECT_FALSE(log.has("Sso: Extracted message: 'SSO_LOAD_CONFIGS'.\n"));
 }
 
 TEST(TimedOperationsTest, TicksCountTurnsAndWrapAfterTheTokenCleanup) {
@@ -224,6 +229,10 @@ TEST(TimedOperationsTest, TicksCountTurnsAndWrapAfterTheTokenCleanup) {
           "SsoServer: Token cleanup complete. Remaining tokens: 0.\n"}},
         {0, 1, {}},
     };
+    // The engines exist before the first row, so that no row sees their first-use statements,
+    // whichever test ran before this one.
+    SsoServer::getServer();
+    CurlRequest::getNetwork();
     for (auto const &row : rows) {
         LogCapture log;
         ticks = row.before;
