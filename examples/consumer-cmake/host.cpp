@@ -56,8 +56,7 @@ int main() {
                        "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM";
     char *url = SsoLoginUrl(percentEncoded(data).c_str());
     std::printf("authorization URL: %s\n", url ? url : "(none)");
-    bool urlOk = url != nullptr &&
-                 std::strncmp(url, "https://idp.example/auth?", 25) == 0 &&
+    bool urlOk = url != nullptr && std::strncmp(url, "https://idp.example/auth?", 25) == 0 &&
                  std::strstr(url, "state=consumer-state") != nullptr;
     SsoFreeString(url);
 
