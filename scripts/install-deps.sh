@@ -5,6 +5,8 @@ cd "$(dirname "$0")/.."
 
 packages=(cmake g++ make pkg-config binutils libcurl4-openssl-dev libjsoncpp-dev libssl-dev
           libgtest-dev libgmock-dev)
+# Building and checking the Debian packages (tests/tools/packages.sh, lintian.sh).
+packages+=(dpkg-dev lintian)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

@@ -1,0 +1,382 @@
+// The check itself: the library's own loading steps, run one by one on a file the admin names,
+// with what each step logged kept beside the entry it belongs to.
+#include "tools/qxss-check/ConfigCheck.h"
+
+#include "actions/SsoActions.h"
+#include "platform/Url.h"
+#include "server/SsoServer.h"
+#include "server/SsoServerConfigOAuth.h"
+#include "support/SsoJson.h"
+#include "support/SsoUtils.h"
+#include "transport/CurlRequest.h"
+
+#include <json/value.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+
+namespace {
+
+char const kFileName[] = "sso.cfg";
+
+// A private directory holding only a link named sso.cfg to the file under check: the library
+// reads "<configuration directory>/sso.cfg", and the admin's file may have any name.
+class LinkDirectory {
+public:
+    LinkDirectory() = default;
+    ~LinkDirectory() {
+        if (!link_.empty()) {
+            ::unlink(link_.c_str());
+        }
+        if (!directory_.empty()) {
+            ::rmdir(directory_.c_str());
+        }
+    }
+    LinkDirectory(LinkDirectory const &) = delete;
+    LinkDirectory &operator=(LinkDirectory const &) = delete;
+
+    // Makes the directory and the link to `target` (an absolute path). "" on failure, with
+    // `error` set.
+    std::string make(std::string const &target, std::string &error) {
+        char const *base = std::getenv("TMPDIR");
+        std::string pattern = std::string(base && *base ? base : "/tmp") + "/qxss-check.XXXXXX";
+        std::unique_ptr<char[]> name(new char[pattern.size() + 1]);
+        std::memcpy(name.get(), pattern.c_str(), pattern.size() + 1);
+        if (::mkdtemp(name.get()) == nullptr) {
+            error = "cannot make a temporary directory: " + std::string(std::strerror(errno));
+            return "";
+        }
+        directory_ = name.get();
+        std::string link = directory_ + "/" + kFileName;
+        if (::symlink(target.c_str(), link.c_str()) != 0) {
+            error = "cannot link the file into " + directory_ + ": " + std::strerror(errno);
+            return "";
+        }
+        link_ = link;
+        return directory_;
+    }
+
+private:
+    std::string directory_;
+    std::string link_;
+};
+
+std::string baseName(std::string const &path) {
+    size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string directoryOf(std::string const &path) {
+    size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+void addProblems(std::vector<LoggedProblem> &to, std::vector<std::string> const &statements) {
+    for (LoggedProblem &problem : problemsIn(statements)) {
+        to.push_back(std::move(problem));
+    }
+}
+
+std::string textOf(Json::Value const &object, char const *key) {
+    if (!object.isObject() || !object.isMember(key) || !object[key].isString()) {
+        return "";
+    }
+    return object[key].asString();
+}
+
+// The entries as the loader numbers them: the file's order for an array, the sorted member
+// names for an object. Read with the library's reader, outside the collected log.
+std::vector<ProviderReport> entriesOf(std::string const &path, LogCollector &log) {
+    std::vector<ProviderReport> entries;
+    Json::Value root;
+    log.mute(true);
+    bool read = readFile(path.c_str(), root);
+    log.mute(false);
+    if (!read || (!root.isArray() && !root.isObject())) {
+        return entries;
+    }
+    int32_t id = 0;
+    for (auto const &entry : root) {
+        ProviderReport report;
+        report.id = id++;
+        report.name = textOf(entry, "name");
+        report.desc = textOf(entry, "desc");
+        report.type = textOf(entry, "type");
+        report.provider = textOf(entry, "provider");
+        Json::Value const &config =
+            entry.isObject() ? entry["config"] : Json::Value::nullSingleton();
+        report.userinfoFromFile = config.isObject() && config.isMember("userinfo_uri");
+        entries.push_back(report);
+    }
+    return entries;
+}
+
+void copyRecord(SsoServerConfigOAuth const &record, ProviderReport &report) {
+    report.served = true;
+    report.idpDomain = record.idpDomain;
+    report.clientId = record.clientId;
+    report.redirectUris = record.redirectUris;
+    report.userType = record.userType;
+    report.userName = record.userName;
+    report.promptType = record.promptType;
+    report.refresh = record.refresh;
+    report.refreshLifetime = record.refreshLifetime;
+    report.proxy = record.proxy;
+}
+
+void copyEndpoints(SsoServerConfigOAuth const &record, ProviderReport &report) {
+    report.authorizationEndpoint = record.authUri;
+    report.tokenEndpoint = record.tokenUri;
+    report.userinfoEndpoint = record.userinfoUri;
+    report.revocationEndpoint = record.revokeUri;
+    report.issuer = record.issuer;
+}
+
+// The discovery URL from the library's own statement about it.
+std::string discoveryUrlIn(std::vector<std::string> const &statements) {
+    static std::string const head = "SsoServer: Metadata URL is: '";
+    static std::string const tail = "'.\n";
+    for (std::string const &statement : statements) {
+        if (statement.compare(0, head.size(), head) == 0 &&
+            statement.size() >= head.size() + tail.size() &&
+            statement.compare(statement.size() - tail.size(), tail.size(), tail) == 0) {
+            return statement.substr(head.size(), statement.size() - head.size() - tail.size());
+        }
+    }
+    return "";
+}
+
+// What a client gets for the login option `id`: the server's client configuration (as the
+// reply to SSO_GET_CONFIG carries it), turned into login data and then into the provider's
+// URL by the client side. Empty on failure; the log says why.
+std::string authorizationUrlFor(SsoServer &server, int32_t id) {
+    std::string session = getRandomAsciiString(32);
+    std::string state = getRandomAsciiString(32);
+    std::string nonce = getRandomAsciiString(32);
+    if (session.empty() || state.empty() || nonce.empty()) {
+        return "";
+    }
+    std::unique_ptr<char[]> reply(
+        server.getClientConfig(static_cast<uint32_t>(id), session.c_str(), nullptr));
+    if (!reply) {
+        return "";
+    }
+    // "<client JSON>|<code challenge>|<session>": the challenge is Base64url and the session
+    // ours, so the JSON is everything before the last two separators, whatever it holds.
+    std::string text = reply.get();
+    std::string suffix = "|" + session;
+    if (text.size() <= suffix.size() ||
+        text.compare(text.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        return "";
+    }
+    text.resize(text.size() - suffix.size());
+    size_t separator = text.find_last_of('|');
+    if (separator == std::string::npos) {
+        return "";
+    }
+    std::string clientJson = text.substr(0, separator);
+    std::string challenge = text.substr(separator + 1);
+    std::string data = "OAuth|" + clientJson + "|" + state + "|" + nonce + "|" + challenge;
+    std::unique_ptr<char[]> encoded(UrlEncode(data.c_str()));
+    std::unique_ptr<char[]> url(SsoActions::loginUrl(encoded.get()));
+    return url ? std::string(url.get()) : std::string();
+}
+
+// Where a file or a directory stands; false with `error` set when it cannot be read.
+bool locate(std::string const &given, std::string &path, std::string &error) {
+    path = given;
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (S_ISDIR(info.st_mode)) {
+        path = (path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path) +
+               "/" + kFileName;
+        if (::stat(path.c_str(), &info) != 0) {
+            error = path + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    if (!S_ISREG(info.st_mode)) {
+        error = path + ": not a regular file";
+        return false;
+    }
+    return true;
+}
+
+void check(std::string const &given, bool offline, LogCollector &log, CheckReport &report) {
+    std::string path;
+    std::string error;
+    bool found = locate(given, path, error);
+    report.file = path;
+    if (!found) {
+        report.problems.push_back({true, "qxss-check: " + error});
+        report.verdict = "The file cannot be read: the library would load nothing from it.";
+        return;
+    }
+
+    // The library reads "<directory>/sso.cfg": hand it the file's own directory when the name
+    // fits, and a private link otherwise.
+    LinkDirectory link;
+    std::string directory;
+    if (baseName(path) == kFileName) {
+        directory = directoryOf(path);
+    } else {
+        char resolved[PATH_MAX];
+        if (::realpath(path.c_str(), resolved) == nullptr) {
+            report.problems.push_back({true, "qxss-check: " + path + ": " + std::strerror(errno)});
+            report.verdict = "The file cannot be read.";
+            return;
+        }
+        directory = link.make(resolved, error);
+        if (directory.empty()) {
+            report.problems.push_back({true, "qxss-check: " + error});
+            report.verdict = "The file could not be prepared for the check.";
+            return;
+        }
+    }
+
+    SsoServer server;
+    server.configPath = directory;
+    size_t mark = log.mark();
+    bool typed = server.setMachineType();
+    if (!typed || server.machineType != 0) {
+        addProblems(report.problems, log.since(mark));
+        report.verdict = "The library would not take this machine for a server with this file.";
+        return;
+    }
+    mark = log.mark();
+    bool loaded = server.loadConfigsJson();
+    addProblems(report.problems, log.since(mark));
+    if (!loaded) {
+        report.verdict = "The library would refuse this file: nothing of it would be loaded.";
+        return;
+    }
+
+    report.providers = entriesOf(server.configPath + "/" + kFileName, log);
+    std::vector<SsoServerConfigOAuth *> records(report.providers.size(), nullptr);
+    for (SsoServerConfig *config : server.configs) {
+        if (config == nullptr || config->getLoginType() != 0 || config->configId < 0 ||
+            static_cast<size_t>(config->configId) >= records.size()) {
+            continue;
+        }
+        auto *record = static_cast<SsoServerConfigOAuth *>(config);
+        records[static_cast<size_t>(record->configId)] = record;
+        copyRecord(*record, report.providers[static_cast<size_t>(record->configId)]);
+    }
+    for (ProviderReport &provider : report.providers) {
+        if (!provider.served) {
+            provider.notes.push_back(
+                "listed in the login options, but the library serves OAuth entries only");
+        }
+    }
+
+    size_t served = 0;
+    size_t discovered = 0;
+    for (ProviderReport const &provider : report.providers) {
+        served += provider.served ? 1 : 0;
+    }
+    if (offline) {
+        for (ProviderReport &provider : report.providers) {
+            if (provider.served) {
+                provider.discovery = ProviderReport::Discovery::Skipped;
+            }
+        }
+        report.loads = true;
+        report.verdict = "The file passes validation (" + std::to_string(served) +
+                         " OAuth provider(s)); discovery was not tried (--offline).";
+        return;
+    }
+
+    CurlRequest &network = CurlRequest::getNetwork();
+    mark = log.mark();
+    if (!network.init(3)) {
+        addProblems(report.problems, log.since(mark));
+        report.verdict = "The transport could not start, so discovery could not be tried.";
+        return;
+    }
+    // Every provider is tried, also after a failure: the library stops at the first one, but
+    // the admin wants to hear about all of them at once.
+    for (size_t id = 0; id < records.size(); ++id) {
+        if (records[id] == nullptr) {
+            continue;
+        }
+        ProviderReport &provider = report.providers[id];
+        mark = log.mark();
+        bool ok = server.loadMetadata(records[id]);
+        std::vector<std::string> statements = log.since(mark);
+        provider.discoveryUrl = discoveryUrlIn(statements);
+        addProblems(provider.problems, statements);
+        provider.discovery =
+            ok ? ProviderReport::Discovery::Succeeded : ProviderReport::Discovery::Failed;
+        discovered += ok ? 1 : 0;
+        copyEndpoints(*records[id], provider);
+    }
+
+    // The URL for each login option, through the same road as SSO_GET_CONFIG with that ID.
+    for (ProviderReport &provider : report.providers) {
+        if (!provider.served || provider.discovery != ProviderReport::Discovery::Succeeded) {
+            continue;
+        }
+        size_t id = static_cast<size_t>(provider.id);
+        if (id >= server.configs.size()) {
+            provider.notes.push_back(
+                "the login option ID " + std::to_string(id) +
+                " selects no record: an entry of type SAML stands before this one, so users "
+                "cannot log in with it (put SAML entries after all OAuth entries)");
+            continue;
+        }
+        if (server.configs[id] != records[id]) {
+            int32_t other = server.configs[id] ? server.configs[id]->configId : -1;
+            provider.notes.push_back(
+                "the login option ID " + std::to_string(id) + " selects the record of ID " +
+                std::to_string(other) +
+                ": an entry of type SAML stands before this one, so users who choose this "
+                "entry are sent to that record's provider (put SAML entries after all OAuth "
+                "entries)");
+        }
+        mark = log.mark();
+        provider.authorizationUrl = authorizationUrlFor(server, provider.id);
+        addProblems(provider.problems, log.since(mark));
+    }
+    network.cleanUp();
+
+    report.loads = discovered == served;
+    if (report.loads) {
+        report.verdict = "The library would load this file: " + std::to_string(served) +
+                         " OAuth provider(s), discovery succeeded for all.";
+    } else {
+        report.verdict = "The library would refuse this file: discovery failed for " +
+                         std::to_string(served - discovered) + " of " + std::to_string(served) +
+                         " provider(s).";
+    }
+}
+
+}  // namespace
+
+CheckReport checkConfiguration(std::string const &file, bool offline, LogCollector &log) {
+    CheckReport report;
+    report.file = file;
+    report.offline = offline;
+    // The one boundary of the checker: nothing thrown below may end it without a report.
+    try {
+        check(file, offline, log, report);
+    } catch (std::exception const &error) {
+        report.loads = false;
+        report.problems.push_back(
+            {true, std::string("qxss-check: unexpected failure: ") + error.what()});
+        report.verdict = "The check could not be completed.";
+    }
+    return report;
+}
