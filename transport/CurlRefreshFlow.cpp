@@ -26,14 +26,8 @@ bool CurlRequest::startRefreshFlow(std::string const &sessionId, std::string con
 }
 
 bool CurlRequest::queueRefreshRequest(AsyncFlowContext &context) {
-    auto const &configs = SsoServer::getServer().configs;
-    if (context.configId >= configs.size()) {
-        Log() << "CurlRequest: ERROR! Invalid config ID.\n";
-        return false;
-    }
-    auto const *config = static_cast<SsoServerConfigOAuth const *>(configs[context.configId]);
+    SsoServerConfigOAuth const *config = flowConfig(context);
     if (config == nullptr) {
-        Log() << "CurlRequest: ERROR! Config is null.\n";
         return false;
     }
     // The refresh grant authenticates by the Basic header; the code grant by form fields.
@@ -52,15 +46,8 @@ bool CurlRequest::queueRefreshRequest(AsyncFlowContext &context) {
 }
 
 bool CurlRequest::queueRevokeRequest(AsyncFlowContext &context) {
-    auto const &configs = SsoServer::getServer().configs;
-    if (context.configId >= configs.size()) {
-        Log() << "CurlRequest: ERROR! Invalid config ID.\n";
-        return false;
-    }
-    auto const *config = static_cast<SsoServerConfigOAuth const *>(configs[context.configId]);
+    SsoServerConfigOAuth const *config = flowConfig(context);
     if (config == nullptr) {
-        // Nothing calls this yet; a null slot must still never be read.
-        Log() << "CurlRequest: ERROR! Config is null.\n";
         return false;
     }
     if (config->revokeUri.empty()) {

@@ -16,6 +16,7 @@
 #include <vector>
 
 struct OAuthAuthzInfo;
+class SsoServerConfigOAuth;
 
 // Flow types and states of AsyncFlowContext.
 enum flowType { FlowVerify = 1, FlowRefresh = 2, FlowNodeVerify = 3 };
@@ -161,6 +162,9 @@ private:
     void queueTransfer(AsyncFlowContext &context, int32_t configId, httpMethod method,
                        std::string const &url, std::vector<std::string> headers,
                        std::string const &postData, std::string const &proxy);
+    // The provider record of a verify or refresh flow's configId; null (logged) when the id is
+    // past the records or the slot is empty.
+    static SsoServerConfigOAuth const *flowConfig(AsyncFlowContext const &context);
     // Gives back the handle of a transfer whose start failed, counting the attempt.
     void startFailed(curlRequest *request);
 };

@@ -11,6 +11,19 @@
 
 #include <memory>
 
+SsoServerConfigOAuth const *CurlRequest::flowConfig(AsyncFlowContext const &context) {
+    auto const &configs = SsoServer::getServer().configs;
+    if (context.configId >= configs.size()) {
+        Log() << "CurlRequest: ERROR! Invalid config ID.\n";
+        return nullptr;
+    }
+    auto const *config = static_cast<SsoServerConfigOAuth const *>(configs[context.configId]);
+    if (config == nullptr) {
+        Log() << "CurlRequest: ERROR! Config is null.\n";
+    }
+    return config;
+}
+
 bool CurlRequest::startVerifyFlow(std::string const &sessionId, std::string const &code,
                                   OAuthAuthzInfo const &info) {
     AsyncFlowContext context;
@@ -27,14 +40,8 @@ bool CurlRequest::startVerifyFlow(std::string const &sessionId, std::string cons
 }
 
 bool CurlRequest::queueTokenExchangeRequest(AsyncFlowContext &context) {
-    auto const &configs = SsoServer::getServer().configs;
-    if (context.configId >= configs.size()) {
-        Log() << "CurlRequest: ERROR! Invalid config ID.\n";
-        return false;
-    }
-    auto const *config = static_cast<SsoServerConfigOAuth const *>(configs[context.configId]);
+    SsoServerConfigOAuth const *config = flowConfig(context);
     if (config == nullptr) {
-        Log() << "CurlRequest: ERROR! Config is null.\n";
         return false;
     }
     Log() << "CurlRequest: Original code: '" << context.code << "'.\n";
@@ -56,15 +63,8 @@ bool CurlRequest::queueTokenExchangeRequest(AsyncFlowContext &context) {
 }
 
 bool CurlRequest::queueUserInfoRequest(AsyncFlowContext &context) {
-    auto const &configs = SsoServer::getServer().configs;
-    if (context.configId >= configs.size()) {
-        Log() << "CurlRequest: ERROR! Invalid config ID.\n";
-        return false;
-    }
-    auto const *config = static_cast<SsoServerConfigOAuth const *>(configs[context.configId]);
+    SsoServerConfigOAuth const *config = flowConfig(context);
     if (config == nullptr) {
-        // Not reachable through a flow (the token step checked the slot), but never read null.
-        Log() << "CurlRequest: ERROR! Config is null.\n";
         return false;
     }
     queueTransfer(context, static_cast<int32_t>(context.configId), HttpGet, config->userinfoUri,
