@@ -10,6 +10,7 @@
 #include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
 #include "transport/CurlRequest.h"
+#include "transport/SsoRequest.h"
 #include "worker/libqxss.h"
 
 #include <gtest/gtest.h>
@@ -311,6 +312,9 @@ TEST(SsoActionsTest, InitializeFailsWithoutAConfigurationDirectory) {
 }
 
 TEST(SsoActionsTest, InitializeFailsWhenTheTransportIsUp) {
+    // The blocking request logs its construction once per process; make it
+    // here so the lines below do not depend on which test ran first.
+    SsoRequest::getNetwork();
     ASSERT_TRUE(CurlRequest::getNetwork().init(3));
     LogCapture log;
     EXPECT_EQ(SsoActions::initialize(), -1);
