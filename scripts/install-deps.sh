@@ -7,6 +7,10 @@ packages=(cmake g++ make pkg-config binutils libcurl4-openssl-dev libjsoncpp-dev
           libgtest-dev libgmock-dev)
 # Building and checking the Debian packages (tests/tools/packages.sh, lintian.sh).
 packages+=(dpkg-dev lintian)
+# The example web application and its browser test (headless, driven by puppeteer-core).
+packages+=(libmicrohttpd-dev chromium)
+# The login benchmark's charts.
+packages+=(gnuplot-nox)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
