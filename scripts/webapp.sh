@@ -16,7 +16,7 @@ cmake --build "$build" -j"$(nproc)" --target qxss-webapp
 mkdir -p "$etc"
 
 # The provider ends when its standard input does: the write end of this FIFO stays open in
-# this script, so the provider ends with it, however the script ends.
+# this script and then in the application, so the provider ends with them, however they end.
 run=$(mktemp -d)
 trap 'kill ${provider:-} 2>/dev/null || true; rm -rf "$run"' EXIT
 mkfifo "$run/keep"
@@ -45,4 +45,8 @@ cat >"$etc/sso.cfg" <<CFG
 CFG
 echo "open http://127.0.0.1:$port/ and sign in as alice with any password (Ctrl-C stops)"
 echo "library log: $build/webapp-library.log"
-"$build/qxss-webapp" --port "$port" --log "$build/webapp-library.log"
+# The application takes this shell's place and inherits the FIFO's write end: signals reach it
+# directly, and the provider ends when it does.
+trap - EXIT
+rm -rf "$run"
+exec "$build/examples/webapp/qxss-webapp" --port "$port" --log "$build/webapp-library.log"
