@@ -17,6 +17,14 @@ export const clients = [
     client_secret: 'other-secret',
     redirect_uris: ['http://127.0.0.1:18090/cb'],
   },
+  {
+    // The example web application (examples/webapp) listens on whatever loopback port is free:
+    // a native client's loopback redirect URI matches on any port.
+    client_id: 'qxss-webapp',
+    client_secret: 'webapp-secret',
+    application_type: 'native',
+    redirect_uris: ['http://127.0.0.1/cb'],
+  },
 ];
 
 const users = {
@@ -24,6 +32,11 @@ const users = {
   bob: { email: 'bob@example.com', preferred_username: 'bob', qx_login: 'bob.local' },
   'carol|x': { email: 'carol@example.com', preferred_username: 'carol|x', qx_login: 'carol' },
 };
+// Ten more people, so that ten browsers can sign in at once as ten different users.
+for (let i = 1; i <= 10; i += 1) {
+  const name = `user${String(i).padStart(2, '0')}`;
+  users[name] = { email: `${name}@example.com`, preferred_username: name, qx_login: `${name}.local` };
+}
 
 const extraScopes = ['https://graph.microsoft.com/User.Read'];
 
