@@ -100,9 +100,7 @@ TEST_F(HostMisuseTest, TenMegabytesWithoutALineEndKeepMemoryBounded) {
 
 TEST_F(HostMisuseTest, DestroyWithFlowsInFlightReturnsAtOnceAndAStartAfterItWorks) {
     FailureServer stuck;
-    FailureServer::Reply hang;
-    hang.mode = FailureServer::Mode::Hang;
-    stuck.on("/me", hang);
+    stuck.on("/me", FailureServer::Mode::Hang);
     LogCapture log;
     ASSERT_EQ(host.start(), 0);
     for (int i = 0; i < 5; ++i) {
@@ -159,9 +157,7 @@ TEST_P(HostExitTest, ProcessEndsCleanlyWithoutSsoDestroy) {
     std::string const how = std::get<0>(GetParam());
     bool const inFlight = std::get<1>(GetParam());
     FailureServer stuck;
-    FailureServer::Reply hang;
-    hang.mode = FailureServer::Mode::Hang;
-    stuck.on("/me", hang);
+    stuck.on("/me", FailureServer::Mode::Hang);
     std::vector<std::string> argv = {QXSS_EXIT_HOST, how, TestMachine::configDir()};
     if (inFlight) {
         argv.push_back(stuck.url("/me"));

@@ -31,7 +31,9 @@ struct CommandRow {
     std::string reply;  // the one failure line, or "" for a command that has none
 };
 
-class ThrowingCommandTest : public ::testing::TestWithParam<CommandRow> {
+// A host whose worker is stopped, and the hook cleared, after each row.
+template <typename Row>
+class WorkerWithHook : public ::testing::TestWithParam<Row> {
 protected:
     void TearDown() override {
         host.stop();
@@ -40,6 +42,8 @@ protected:
     LogCapture log;
     WorkerHost host;
 };
+
+class ThrowingCommandTest : public WorkerWithHook<CommandRow> {};
 
 TEST_P(ThrowingCommandTest, GetsItsFailureLineOnceAndTheWorkerGoesOn) {
     CommandRow const &row = GetParam();
@@ -72,15 +76,7 @@ INSTANTIATE_TEST_SUITE_P(
         CommandRow{"SSO_GET_CONFIG|-5|s-7\n", "SSO_GET_CONFIG", ""},
         CommandRow{"SSO_UNKNOWN|a|b\n", "SSO_UNKNOWN", ""}));
 
-class ThrowingTurnStepTest : public ::testing::TestWithParam<std::string> {
-protected:
-    void TearDown() override {
-        host.stop();
-        TestMachine::reset();
-    }
-    LogCapture log;
-    WorkerHost host;
-};
+class ThrowingTurnStepTest : public WorkerWithHook<std::string> {};
 
 TEST_P(ThrowingTurnStepTest, IsLoggedAndTheWorkerGoesOn) {
     throwOnceAt(GetParam());
