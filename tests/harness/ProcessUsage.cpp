@@ -3,8 +3,11 @@
 #include <dirent.h>
 #include <malloc.h>
 
+#include <cstddef>
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
+// The sanitizer runtime's count of live heap bytes (gcc ships no header that declares it).
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 namespace {
