@@ -14,12 +14,13 @@ IoDescriptorTable Io::fds_;
 namespace {
 
 std::mutex &closedMutex() {
-    static std::mutex mutex;
+    // Both never destroyed: a worker still running at the process's exit may still write.
+    static std::mutex &mutex = *new std::mutex;
     return mutex;
 }
 
 std::unordered_set<int> &closedNumbers() {
-    static std::unordered_set<int> numbers;
+    static std::unordered_set<int> &numbers = *new std::unordered_set<int>;
     return numbers;
 }
 

@@ -9,7 +9,8 @@
 namespace {
 
 std::recursive_mutex &sinkMutex() {
-    static std::recursive_mutex mutex;
+    // Never destroyed: a worker still running at the process's exit may still log.
+    static std::recursive_mutex &mutex = *new std::recursive_mutex;
     return mutex;
 }
 

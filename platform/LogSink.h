@@ -2,8 +2,9 @@
 
 #include <string>
 
-// Where finished log statements go. By default syslog (ident "libqxss", facility LOG_AUTHPRIV,
-// because the log carries secrets in the clear); a host may install a callback instead.
+// Where finished log statements go. By default syslog with the facility LOG_AUTHPRIV in each
+// call's priority (the log carries secrets in the clear); the host's ident, options and default
+// facility are left as the host set them. A host may install a callback instead.
 class LogSink {
 public:
     using Callback = void (*)(char const *text, void *context);

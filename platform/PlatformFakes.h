@@ -23,6 +23,11 @@ public:
     // each test can give the library a directory of its own, chosen at run time.
     static std::function<std::string()> &configDir();
 
+    // Called by the worker with the name of each step it is about to run: "Housekeeping",
+    // "Transfers" and "Drain of finished flows" of every turn, and a command's name before its
+    // handling. A test throws from it to prove that the worker survives a throw at that step.
+    static std::function<void(char const *step)> &workerStep();
+
     // Clears every hook.
     static void reset();
 };

@@ -2,8 +2,20 @@
 # A host doing a real login against a local identity provider: installs what is missing,
 # builds libqxss and the demo host, starts the provider on loopback, writes a configuration
 # file for it and runs examples/demo_host.c.
+#
+#   scripts/demo.sh [--valgrind]
+#
+# --valgrind runs the host under valgrind's memcheck: any memory error, and any block definitely
+# lost, fails the run (exit status 99). Blocks still reachable at exit are not errors: the
+# library's process-wide objects are meant to live until the process ends.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+runner=()
+if [ "${1:-}" = "--valgrind" ]; then
+    command -v valgrind >/dev/null || { echo "demo.sh: valgrind is not installed" >&2; exit 77; }
+    runner=(valgrind --tool=memcheck --error-exitcode=99 --leak-check=full
+        --errors-for-leak-kinds=definite --show-leak-kinds=definite --num-callers=30)
+fi
 scripts/install-deps.sh
 
 build=build-demo
@@ -36,4 +48,4 @@ cat >"$etc/sso.cfg" <<CFG
 ]
 CFG
 cd "$build"
-./demo_host "node $PWD/../tests/servers/login.js"
+${runner[@]+"${runner[@]}"} ./demo_host "node $PWD/../tests/servers/login.js"

@@ -13,7 +13,9 @@ char const kFirstConfigDir[] = "/usr/QX/etc";
 }  // namespace
 
 SsoServer &SsoServer::getServer() {
-    static SsoServer server;
+    // Never destroyed: a host may exit while the worker still runs, and the worker must not
+    // find the engine torn down under it by the process's exit.
+    static SsoServer &server = *new SsoServer;
     return server;
 }
 

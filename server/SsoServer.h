@@ -4,6 +4,7 @@
 #include "server/OAuthRefreshInfo.h"
 #include "server/OAuthTokens.h"
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -104,7 +105,9 @@ public:
     bool validateOAuthAuthzInfo(OAuthAuthzInfo const &info) const;
     bool validateOAuthRefreshInfo(OAuthRefreshInfo const &info) const;
 
-    int32_t machineType = -1;  // -1 not set, 0 server, 1 node
+    // -1 not set, 0 server, 1 node. Atomic: the host's thread reads it (SsoGetUserLoginOptions)
+    // while the worker may be deciding it anew.
+    std::atomic<int32_t> machineType{-1};
     std::string configPath;
     std::string reserved;
     std::string loginOptions;

@@ -12,7 +12,8 @@ namespace {
 
 // The member `key` of an object, or null for any other value (an array has no members).
 Json::Value const &member(Json::Value const &value, char const *key) {
-    static Json::Value const none;
+    // Never destroyed: the worker may still read it while the process exits.
+    static Json::Value const &none = *new Json::Value;
     if (!value.isObject() || !value.isMember(key)) {
         return none;
     }

@@ -43,7 +43,9 @@ char *newErrorBuffer() {
 }  // namespace
 
 CurlRequest &CurlRequest::getNetwork() {
-    static CurlRequest network;
+    // Never destroyed, so that a host exiting without SsoDestroy does not tear the transfers
+    // down under a worker that is still running; SsoDestroy cleans up explicitly.
+    static CurlRequest &network = *new CurlRequest;
     return network;
 }
 

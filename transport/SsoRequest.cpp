@@ -88,7 +88,8 @@ bool setFailed(char const *what) {
 }  // namespace
 
 SsoRequest &SsoRequest::getNetwork() {
-    static SsoRequest network;
+    // Never destroyed, like the flow engine: the worker may outlive the process's exit.
+    static SsoRequest &network = *new SsoRequest;
     return network;
 }
 

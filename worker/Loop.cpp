@@ -1,5 +1,6 @@
 #include "platform/Io.h"
 #include "platform/Log.h"
+#include "platform/PlatformFakes.h"
 #include "platform/Thread.h"
 #include "transport/CurlRequest.h"
 #include "worker/SsoCommands.h"
@@ -77,10 +78,19 @@ char *failureReplyOf(std::vector<std::string> const &command) {
     }
 }
 
+// Lets a test make the step `name` throw; nothing happens while no test hook is set.
+void enterStep(char const *name) {
+    auto const &hook = PlatformFakes::workerStep();
+    if (hook) {
+        hook(name);
+    }
+}
+
 // Runs one step of the turn; a throw is logged and the turn goes on.
 template <typename Step>
 void guarded(char const *what, Step step) {
     try {
+        enterStep(what);
         step();
     } catch (...) {
         Log() << "Sso: ERROR! " << what << " failed: '" << currentError() << "'.\n";
@@ -102,6 +112,7 @@ void execute(std::vector<std::string> const &command, SsoWorkerInfo const &info)
     if (!command[0].empty()) {
         Log() << "Sso: Execute command: '" << command[0] << "'.\n";
         try {
+            enterStep(command[0].c_str());
             reply = SsoCommands::execute(command);
         } catch (...) {
             // Last line of defence: one bad command must never take the worker down, and a

@@ -166,7 +166,9 @@ TEST(LoginTest, FailuresGiveMinusOneAndSayWhy) {
         {loginData("Saml"),
          false,
          {start, "SsoActions: 5 login argument: ch.\n", "Sso: Client constructor.\n",
-          "SsoActions: ERROR! Unsupported login type.\n", "Sso: Client destructor.\n"}},
+          "SsoActions: ERROR! Unsupported login type.\n", "Sso: Client destructor.\n",
+          // Also without a configuration to remove.
+          "Sso: Removing current client config.\n"}},
         {encoded("||||"),
          false,
          {start, "SsoActions: First login argument: .\n",

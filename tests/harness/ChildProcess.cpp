@@ -116,6 +116,21 @@ bool ChildProcess::exited() {
     return false;
 }
 
+int ChildProcess::waitForExit(int ms) {
+    for (int waited = 0; pid > 0; waited += 10) {
+        int status = 0;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            pid = -1;
+            return status;
+        }
+        if (waited >= ms) {
+            break;
+        }
+        usleep(10000);
+    }
+    return -1;
+}
+
 void ChildProcess::stop() {
     if (stdinFd_ >= 0) {
         close(stdinFd_);

@@ -21,6 +21,9 @@ public:
     std::string waitForLine(std::string const &prefix, int ms);
     // True once the child has ended (it is then reaped), or when none was started.
     bool exited();
+    // Waits up to `ms` milliseconds for the child to end and reaps it; its wait status (as
+    // waitpid reports it), or -1 when it still runs at the deadline or none was started.
+    int waitForExit(int ms);
     // Stops the child (SIGTERM, then SIGKILL) and reaps it.
     void stop();
     bool running() const { return pid > 0; }

@@ -124,6 +124,12 @@ void FailureServer::on(std::string const &path, int status, std::string const &b
     on(path, reply);
 }
 
+void FailureServer::on(std::string const &path, Mode mode) {
+    Reply reply;
+    reply.mode = mode;
+    on(path, reply);
+}
+
 std::string FailureServer::url(std::string const &path) const {
     return std::string(tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port) + path;
 }

@@ -39,6 +39,8 @@ public:
     // What requests for `path` (the target without its query) get; others get a 404.
     void on(std::string const &path, Reply reply);
     void on(std::string const &path, int status, std::string const &body);
+    // Requests for `path` get a connection that hangs (Mode::Hang) or is reset (Mode::Reset).
+    void on(std::string const &path, Mode mode);
     // "http://127.0.0.1:<port>" (or https) followed by `path`.
     std::string url(std::string const &path = "") const;
     // The requests received so far.

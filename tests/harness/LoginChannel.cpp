@@ -52,11 +52,12 @@ std::string LoginChannel::login(WorkerHost &host, int id, std::string const &ses
     return host.readLine(10000);
 }
 
-void LoginChannel::serveDiscovery(FailureServer &idp) {
+void LoginChannel::serveDiscovery(FailureServer &idp, std::string const &endpoints) {
+    std::string base = endpoints.empty() ? idp.url() : endpoints;
     std::string document = "{\"issuer\":\"" + idp.url() + "\",\"authorization_endpoint\":\"" +
-                           idp.url("/auth") + "\",\"token_endpoint\":\"" + idp.url("/token") +
-                           "\",\"userinfo_endpoint\":\"" + idp.url("/me") +
-                           "\",\"revocation_endpoint\":\"" + idp.url("/revoke") + "\"}";
+                           base + "/auth\",\"token_endpoint\":\"" + base +
+                           "/token\",\"userinfo_endpoint\":\"" + base +
+                           "/me\",\"revocation_endpoint\":\"" + base + "/revoke\"}";
     idp.on("/.well-known/openid-configuration", 200, document);
     idp.on("/v2.0/.well-known/openid-configuration", 200, document);
 }

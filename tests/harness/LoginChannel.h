@@ -37,8 +37,9 @@ public:
                              std::string const &user = "alice");
 
     // Serves a discovery document at "/.well-known/openid-configuration" and under "/v2.0"
-    // that names the server's own "/auth", "/token", "/me" and "/revoke".
-    static void serveDiscovery(FailureServer &idp);
+    // that names "/auth", "/token", "/me" and "/revoke" under `endpoints` ("http://host:port"),
+    // the server's own when empty.
+    static void serveDiscovery(FailureServer &idp, std::string const &endpoints = "");
     // A token endpoint answer; members whose value is "-" are left out.
     static std::string tokens(std::string const &access, std::string const &id,
                               std::string const &refresh);

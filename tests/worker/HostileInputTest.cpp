@@ -1,6 +1,7 @@
 // Arbitrary input from the host, the login data and the configuration file never harms the
 // process: a deterministic stream of hostile inputs, replayed on every run.
 #include "server/SsoServer.h"
+#include "tests/harness/DiscardedLog.h"
 #include "tests/harness/LogCapture.h"
 #include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
@@ -22,16 +23,6 @@ std::string hostile(std::mt19937 &random, size_t length) {
     }
     return text;
 }
-
-// Sends the log nowhere while it lives: these tests make far too many statements to keep.
-class DiscardedLog {
-public:
-    DiscardedLog() { SsoSetLogCallback(discard, nullptr); }
-    ~DiscardedLog() { SsoSetLogCallback(nullptr, nullptr); }
-
-private:
-    static void discard(char const *, void *) {}
-};
 
 TEST(HostileInputTest, TheWorkerSurvivesAnyBytes) {
     DiscardedLog quiet;
