@@ -25,9 +25,15 @@ cmake --build "$build" -j"$(nproc)" --target demo_host
 mkdir -p "$etc"
 
 out=$(mktemp)
-(cd tests/servers && exec node provider.js 0 >"$out" 2>/dev/null </dev/zero) &
+# The provider ends when its input ends. Its input is a pipe that this shell holds open, so it
+# waits without reading anything (a stream of /dev/zero kept it busy reading) and goes away
+# with this script however the script ends.
+keep=$(mktemp -u)
+mkfifo "$keep"
+exec 3<>"$keep"
+(cd tests/servers && exec node provider.js 0 >"$out" 2>/dev/null <"$keep") &
 provider=$!
-trap 'kill $provider 2>/dev/null || true; rm -f "$out"' EXIT
+trap 'kill $provider 2>/dev/null || true; rm -f "$out" "$keep"' EXIT
 for _ in $(seq 100); do grep -q READY "$out" && break; sleep 0.1; done
 base=$(awk '/READY/ {print $2}' "$out")
 echo "local provider at $base"
