@@ -92,6 +92,11 @@ bool FuzzSupport::loadServer(std::string const &configuration, std::string const
     return true;
 }
 
+bool FuzzSupport::defaultServer() {
+    static bool const loaded = loadServer(configuration(), discovery());
+    return loaded;
+}
+
 std::string FuzzSupport::text(uint8_t const *data, size_t size) {
     auto const *bytes = reinterpret_cast<char const *>(data);
     auto const *end = static_cast<char const *>(std::memchr(bytes, '\0', size));

@@ -27,6 +27,9 @@ public:
     // singleton held, emptying its stores. False when the file or the document is refused.
     static bool loadServer(std::string const &configuration, std::string const &discovery);
 
+    // loadServer with the two texts above, once per process: whether that load succeeded.
+    static bool defaultServer();
+
     // The input as text: bytes up to the first NUL, as a C string would see them.
     static std::string text(uint8_t const *data, size_t size);
 };

@@ -13,14 +13,6 @@
 
 namespace {
 
-bool ready() {
-    static bool const loaded = [] {
-        curl_global_init(CURL_GLOBAL_ALL);
-        return FuzzSupport::loadServer(FuzzSupport::configuration(), FuzzSupport::discovery());
-    }();
-    return loaded;
-}
-
 void runFlow(int32_t type, int32_t state, std::string const &response) {
     CurlRequest network;
     network.init(3);
@@ -36,7 +28,8 @@ void runFlow(int32_t type, int32_t state, std::string const &response) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const *data, size_t size) {
-    if (!ready()) {
+    static bool const started = curl_global_init(CURL_GLOBAL_ALL) == CURLE_OK;
+    if (!started || !FuzzSupport::defaultServer()) {
         __builtin_trap();
     }
     if (size == 0) {

@@ -10,18 +10,8 @@
 #include <memory>
 #include <string>
 
-namespace {
-
-bool ready() {
-    static bool const loaded =
-        FuzzSupport::loadServer(FuzzSupport::configuration(), FuzzSupport::discovery());
-    return loaded;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const *data, size_t size) {
-    if (!ready()) {
+    if (!FuzzSupport::defaultServer()) {
         __builtin_trap();
     }
     if (size == 0) {
