@@ -17,6 +17,11 @@ std::function<int64_t()> &PlatformFakes::clock() {
     return hook;
 }
 
+std::function<int(char const *, int)> &PlatformFakes::lookup() {
+    static std::function<int(char const *, int)> hook;
+    return hook;
+}
+
 std::function<std::string()> &PlatformFakes::configDir() {
     static std::function<std::string()> &hook = *new std::function<std::string()>;
     return hook;
@@ -33,4 +38,5 @@ void PlatformFakes::reset() {
     clock() = nullptr;
     random() = nullptr;
     fileExists() = nullptr;
+    lookup() = nullptr;
 }

@@ -19,6 +19,11 @@ public:
     // Replaces the clock of ClockSeconds and ClockTimeOfDaySeconds: seconds since the epoch.
     static std::function<int64_t()> &clock();
 
+    // Answers the name lookups of SocketLookupAddress4/6 (`family` AF_INET or AF_INET6): return
+    // 0 (found, no address stored) or -1 (not found), or any other value to let the system
+    // answer. Keeps fuzzing and tests of host names off the resolver.
+    static std::function<int(char const *host, int family)> &lookup();
+
     // Replaces the build's second configuration directory (see FileSecondConfigDir), so that
     // each test can give the library a directory of its own, chosen at run time.
     static std::function<std::string()> &configDir();

@@ -11,18 +11,7 @@ packages+=(dpkg-dev lintian)
 packages+=(libmicrohttpd-dev chromium)
 # The login benchmark's charts.
 packages+=(gnuplot-nox)
-missing=()
-for package in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
-        missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    echo "install-deps: installing ${missing[*]}"
-    sudo=""
-    [ "$(id -u)" -eq 0 ] || sudo="sudo"
-    $sudo apt-get update
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+scripts/install-packages.sh "${packages[@]}"
 
 # The local identity provider, failure server and proxy that the tests start.
 if [ -x scripts/install-test-deps.sh ]; then
