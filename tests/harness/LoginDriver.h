@@ -33,8 +33,13 @@ public:
         std::string reply;  // the SSO_GET_CONFIG reply
         std::string error;
     };
-    // Sends "SSO_GET_CONFIG|<id>|<session>" on `host`, builds the authorization URL with
-    // SsoLoginUrl and signs in as `user` at the local provider. The code is not yet used.
+    // Sends "SSO_GET_CONFIG|<id>|<session>" on `host` and builds the authorization URL with
+    // SsoLoginUrl, with the state "state-<session>": the URL, or "" with `result.error` set.
+    // `result.reply` is the SSO_GET_CONFIG reply.
+    static std::string authorizationUrl(WorkerHost &host, int id, std::string const &session,
+                                        Authorization &result);
+    // authorizationUrl(), then signs in as `user` at the local provider. The code is not yet
+    // used.
     static Authorization authorize(WorkerHost &host, int id, std::string const &session,
                                    std::string const &user = "alice");
     // A fresh 32-character user session from SsoGetUserSession.
