@@ -211,7 +211,9 @@ void FailureServer::serve(int fd) {
         raw.append(buffer, static_cast<size_t>(got));
     }
     Request request;
+    size_t recorded = 0;
     if (headerEnd != std::string::npos) {
+        request.received = std::chrono::steady_clock::now();
         size_t lineEnd = raw.find("\r\n");
         std::string requestLine = raw.substr(0, lineEnd);
         size_t space = requestLine.find(' ');
@@ -221,6 +223,7 @@ void FailureServer::serve(int fd) {
         request.headers = raw.substr(lineEnd + 2, headerEnd - lineEnd - 2);
         request.body = raw.substr(headerEnd + 4);
         std::lock_guard<std::mutex> lock(mutex_);
+        recorded = requests_.size();
         requests_.push_back(request);
     }
     Reply reply = replyFor(request.target);
@@ -237,6 +240,8 @@ void FailureServer::serve(int fd) {
                                "\r\nContent-Length: " + std::to_string(reply.body.size()) +
                                "\r\nConnection: close\r\n\r\n" + reply.body;
         sendAll(response);
+        std::lock_guard<std::mutex> lock(mutex_);
+        requests_[recorded].answered = std::chrono::steady_clock::now();
     }
     if (ssl != nullptr) {
         if (reply.mode != Mode::Reset) {
