@@ -9,6 +9,8 @@
 // one login at a time, then many in flight at once; each with the provider answering at once
 // and 20 ms late per call. Then the library's heap per login in flight at many in flight.
 //   bench_login [--short] [--out DIR] [--logins N] [--inflight N] [--memory N]
+//               [--clients library,library-revoke,bare,peer] [--delays 0,20]
+// (--memory 0 leaves the memory phase out; --clients and --delays choose phases, for profiling.)
 // Prints a table and a last line "RESULT ..."; writes DIR/login.csv (every timing) and, when
 // gnuplot is installed, DIR/login.png (the latency distributions side by side). Asserts no
 // speed; exits non-zero only when a login failed or a file could not be written.
@@ -79,8 +81,8 @@ double percentile(std::vector<double> values, double share) {
 
 std::string base64Url(unsigned char const *bytes, size_t size) {
     std::string text((size + 2) / 3 * 4 + 1, '\0');
-    int written = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(&text[0]), bytes,
-                                  static_cast<int>(size));
+    int written =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char *>(&text[0]), bytes, static_cast<int>(size));
     text.resize(static_cast<size_t>(written));
     while (!text.empty() && text.back() == '=') {
         text.pop_back();
@@ -119,8 +121,7 @@ std::vector<Job> mintOwn(int count, char const *who) {
                        "/auth?client_id=qxss-client&response_type=code"
                        "&scope=openid%20email%20profile%20offline_access"
                        "&redirect_uri=http%3A%2F%2F127.0.0.1%3A18080%2Fcb&state=" +
-                       job.state + "&code_challenge=" + challenge +
-                       "&code_challenge_method=S256");
+                       job.state + "&code_challenge=" + challenge + "&code_challenge_method=S256");
     }
     auto logins = provider.loginAll(urls);
     for (size_t i = 0; i < jobs.size(); ++i) {
@@ -152,8 +153,7 @@ std::vector<Job> mintLibrary(WorkerHost &host, int configId, int count) {
     auto logins = LocalProvider::shared().loginAll(urls);
     for (size_t i = 0; i < jobs.size(); ++i) {
         if (!logins[i].ok || logins[i].state != "state-" + jobs[i].session) {
-            std::fprintf(stderr, "minting for the library failed: %s\n",
-                         logins[i].error.c_str());
+            std::fprintf(stderr, "minting for the library failed: %s\n", logins[i].error.c_str());
             return {};
         }
         jobs[i].code = logins[i].code;
@@ -308,8 +308,8 @@ private:
         char *verifier = curl_easy_escape(nullptr, login.job->verifier.c_str(), 0);
         char *redirect = curl_easy_escape(nullptr, kRedirect.c_str(), 0);
         login.form = std::string("client_id=qxss-client&client_secret=qxss-secret") +
-                     "&grant_type=authorization_code&code=" + code + "&code_verifier=" +
-                     verifier + "&redirect_uri=" + redirect;
+                     "&grant_type=authorization_code&code=" + code + "&code_verifier=" + verifier +
+                     "&redirect_uri=" + redirect;
         curl_free(code);
         curl_free(verifier);
         curl_free(redirect);
@@ -388,7 +388,8 @@ long residentKilobytes() {
 struct Memory {
     int logins = 0;
     int answered = 0;
-    bool allInFlight = false;
+    int reached = 0;  // code exchanges at the provider when the heap was read
+    double reachedSeconds = 0;
     double pendingBytes = 0;   // per login after "SSO_GET_CONFIG", before "SSO_VERIFY"
     double inFlightBytes = 0;  // per login in flight, on top of that
     double residentBytes = 0;  // resident size per login in flight (pending and in flight)
@@ -437,7 +438,8 @@ Memory measureMemory(WorkerHost &host, int count, int holdMs) {
            millisecondsSince(start) < holdMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    memory.allInFlight = millisecondsSince(start) < holdMs;
+    memory.reachedSeconds = millisecondsSince(start) / 1000;
+    memory.reached = provider.requestCount("/token") - tokenCalls;
     size_t inFlight = heapInUse();
     long residentInFlight = residentKilobytes();
     provider.setDelay(0);
@@ -458,7 +460,14 @@ struct Options {
     int logins = 300;
     int inflight = 500;
     int memory = 10000;
+    std::string clients = "library,library-revoke,bare,peer";
+    std::string delays = "0,20";
 };
+
+// Whether `word` is one of the comma-separated `list`.
+bool listed(std::string const &list, std::string const &word) {
+    return ("," + list + ",").find("," + word + ",") != std::string::npos;
+}
 
 Options parse(int argc, char **argv) {
     Options options;
@@ -478,6 +487,10 @@ Options parse(int argc, char **argv) {
             options.inflight = value(options.inflight);
         } else if (arg == "--memory") {
             options.memory = value(options.memory);
+        } else if (arg == "--clients" && i + 1 < argc) {
+            options.clients = argv[++i];
+        } else if (arg == "--delays" && i + 1 < argc) {
+            options.delays = argv[++i];
         }
     }
     return options;
@@ -502,8 +515,8 @@ bool writeCsv(std::string const &path, std::vector<Series> const &all) {
     std::fprintf(file, "phase,client,delay_ms,index,latency_ms\n");
     for (auto const &s : all) {
         for (size_t i = 0; i < s.ms.size(); ++i) {
-            std::fprintf(file, "%s,%s,%d,%zu,%.3f\n", s.phase.c_str(), s.client.c_str(),
-                         s.delay, i, s.ms[i]);
+            std::fprintf(file, "%s,%s,%d,%zu,%.3f\n", s.phase.c_str(), s.client.c_str(), s.delay, i,
+                         s.ms[i]);
         }
     }
     return std::fclose(file) == 0;
@@ -532,7 +545,8 @@ bool plot(std::string const &directory, std::vector<Series> const &all) {
                          static_cast<double>(i + 1) / static_cast<double>(sorted.size()));
         }
         std::fprintf(file, "\n\n");
-        std::string panel = s.phase + (s.phase == "sequential" ? ", one at a time" : ", all at once") +
+        std::string panel = s.phase +
+                            (s.phase == "sequential" ? ", one at a time" : ", all at once") +
                             ", provider delay " + std::to_string(s.delay) + " ms";
         panels[panel].push_back({block++, s.client});
     }
@@ -614,15 +628,22 @@ int main(int argc, char **argv) {
     }
     BareClient bare;
 
-    std::printf("login benchmark: provider %s, %d logins one at a time, %d in flight, "
-                "memory at %d in flight\n",
-                provider.baseUrl().c_str(), options.logins, options.inflight, options.memory);
+    std::printf(
+        "login benchmark: provider %s, %d logins one at a time, %d in flight, "
+        "memory at %d in flight\n",
+        provider.baseUrl().c_str(), options.logins, options.inflight, options.memory);
     std::vector<Series> all;
     bool minted = true;
     for (int delay : {0, 20}) {
+        if (!listed(options.delays, std::to_string(delay))) {
+            continue;
+        }
         for (bool together : {false, true}) {
             int count = together ? options.inflight : options.logins;
             for (char const *client : {"library", "library-revoke", "bare", "peer"}) {
+                if (count <= 0 || !listed(options.clients, client)) {
+                    continue;
+                }
                 Series series;
                 series.phase = together ? "inflight" : "sequential";
                 series.client = client;
@@ -646,26 +667,32 @@ int main(int argc, char **argv) {
                     runLibrary(host, jobs, together, series);
                 }
                 provider.setDelay(0);
-                std::printf("%-10s %-15s delay %2d ms: %zu logins, %d failed, p50 %.2f ms, "
-                            "p99 %.2f ms, %.3f s\n",
-                            series.phase.c_str(), client, delay, series.ms.size(), series.failed,
-                            percentile(series.ms, 0.5), percentile(series.ms, 0.99),
-                            series.seconds);
+                std::printf(
+                    "%-10s %-15s delay %2d ms: %zu logins, %d failed, p50 %.2f ms, "
+                    "p99 %.2f ms, %.3f s\n",
+                    series.phase.c_str(), client, delay, series.ms.size(), series.failed,
+                    percentile(series.ms, 0.5), percentile(series.ms, 0.99), series.seconds);
                 std::fflush(stdout);
                 all.push_back(std::move(series));
             }
         }
     }
-    Memory memory = measureMemory(host, options.memory, options.brief ? 3000 : 30000);
+    Memory memory;
+    if (options.memory > 0) {
+        memory = measureMemory(host, options.memory, options.brief ? 3000 : 30000);
+    }
     host.stop();
 
     printTable(all);
-    std::printf("\nlibrary heap at %d logins in flight: %.0f bytes per pending login "
-                "(SSO_GET_CONFIG), %.0f more per login in flight (SSO_VERIFY), resident %.0f "
-                "bytes per login; %s, %d of %d answered afterwards\n",
-                memory.logins, memory.pendingBytes, memory.inFlightBytes, memory.residentBytes,
-                memory.allInFlight ? "all in flight at once" : "NOT all in flight at once",
-                memory.answered, memory.logins);
+    if (memory.logins > 0) {
+        std::printf(
+            "\nlibrary heap at %d logins in flight: %.0f bytes per pending login "
+            "(SSO_GET_CONFIG), %.0f more per login in flight (SSO_VERIFY), resident %.0f "
+            "bytes per login; %d code exchanges at the provider %.1f s after the "
+            "first SSO_VERIFY, %d of %d answered afterwards\n",
+            memory.logins, memory.pendingBytes, memory.inFlightBytes, memory.residentBytes,
+            memory.reached, memory.reachedSeconds, memory.answered, memory.logins);
+    }
 
     auto find = [&all](char const *phase, char const *client) -> Series const * {
         for (auto const &s : all) {
@@ -691,18 +718,19 @@ int main(int argc, char **argv) {
     for (auto const &s : all) {
         failed += s.failed;
     }
-    std::printf("RESULT p50_library_ms=%.2f p50_bare_ms=%.2f p50_peer_ms=%.2f "
-                "rate_library=%.1f rate_bare=%.1f rate_peer=%.1f\n",
-                p50("library"), p50("bare"), p50("peer"), rate("library"), rate("bare"),
-                rate("peer"));
+    std::printf(
+        "RESULT p50_library_ms=%.2f p50_bare_ms=%.2f p50_peer_ms=%.2f "
+        "rate_library=%.1f rate_bare=%.1f rate_peer=%.1f\n",
+        p50("library"), p50("bare"), p50("peer"), rate("library"), rate("bare"), rate("peer"));
     SsoSetLogCallback(nullptr, nullptr);
     bool ok = minted && failed == 0 && csv && png && memory.answered == memory.logins;
     if (!ok) {
         std::fprintf(stderr, "bench_login: %s\n",
-                     !minted ? "minting failed" : failed ? "logins failed"
-                                                 : !csv ? "cannot write the CSV"
-                                                 : !png ? "gnuplot failed"
-                                                        : "not every held login was answered");
+                     !minted  ? "minting failed"
+                     : failed ? "logins failed"
+                     : !csv   ? "cannot write the CSV"
+                     : !png   ? "gnuplot failed"
+                              : "not every held login was answered");
     }
     return ok ? 0 : 1;
 }

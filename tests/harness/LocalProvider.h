@@ -34,8 +34,7 @@ public:
     // login() for every URL of `authUrls`, `parallel` sign-ins at a time in one helper process:
     // one result a URL, in their order (all failed when the helper gave no answer).
     std::vector<LoginResult> loginAll(std::vector<std::string> const &authUrls,
-                                      std::string const &user = "alice",
-                                      int parallel = 16) const;
+                                      std::string const &user = "alice", int parallel = 16) const;
 
     // Whether revocations are answered with a JSON body (true) or, as the provider does by
     // itself, with an empty 200 (false, the default). False when the provider did not confirm.

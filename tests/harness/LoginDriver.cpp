@@ -24,8 +24,7 @@ std::string LoginDriver::entry(Entry const &e) {
         config += ",\"qx_proxy\":\"" + e.proxy + "\"";
     }
     return "{\"name\":\"" + e.name + "\",\"desc\":\"Sign in with " + e.name +
-           "\",\"type\":\"OAuth\",\"provider\":\"" + e.provider + "\",\"config\":{" + config +
-           "}}";
+           "\",\"type\":\"OAuth\",\"provider\":\"" + e.provider + "\",\"config\":{" + config + "}}";
 }
 
 std::string LoginDriver::file(std::vector<Entry> const &entries) {

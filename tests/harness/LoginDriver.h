@@ -17,10 +17,10 @@ public:
         std::string provider = "keycloak";
         std::string idp;  // empty: the local provider's base URL
         std::string userType = "local";
-        std::string userName;  // qx_user_name, left out when empty
-        bool refresh = true;   // qx_refresh
-        int64_t lifetime = -1; // qx_refresh_lifetime, left out when negative
-        std::string proxy;     // qx_proxy, left out when empty
+        std::string userName;   // qx_user_name, left out when empty
+        bool refresh = true;    // qx_refresh
+        int64_t lifetime = -1;  // qx_refresh_lifetime, left out when negative
+        std::string proxy;      // qx_proxy, left out when empty
     };
 
     static std::string entry(Entry const &entry);
