@@ -239,9 +239,12 @@ void FailureServer::serve(int fd) {
                                reason(reply.status) + "\r\nContent-Type: " + reply.contentType +
                                "\r\nContent-Length: " + std::to_string(reply.body.size()) +
                                "\r\nConnection: close\r\n\r\n" + reply.body;
+        {
+            // Before the answer leaves: the client may act on it before send returns here.
+            std::lock_guard<std::mutex> lock(mutex_);
+            requests_[recorded].answered = std::chrono::steady_clock::now();
+        }
         sendAll(response);
-        std::lock_guard<std::mutex> lock(mutex_);
-        requests_[recorded].answered = std::chrono::steady_clock::now();
     }
     if (ssl != nullptr) {
         if (reply.mode != Mode::Reset) {

@@ -30,8 +30,8 @@ public:
         std::string target;  // path and query as sent
         std::string headers;
         std::string body;
-        // When the request was read whole, and when its answer was sent (the epoch when none
-        // was, as with a hang or a reset).
+        // When the request was read whole, and when its answer was about to be sent (the
+        // epoch when none was, as with a hang or a reset).
         std::chrono::steady_clock::time_point received;
         std::chrono::steady_clock::time_point answered;
     };
