@@ -6,6 +6,8 @@
 #include "platform/Files.h"
 #include "platform/Log.h"
 
+#include <unistd.h>
+
 #include <cstring>
 #include <memory>
 #include <new>
@@ -73,6 +75,7 @@ bool CurlRequest::init(int flag) {
         curl_global_cleanup();
         return false;
     }
+    watchSockets();
     // cleanUp frees the buffer, so a start after a stop needs a new one.
     if (errorBuffer == nullptr) {
         errorBuffer = newErrorBuffer();
@@ -118,6 +121,12 @@ void CurlRequest::cleanUp() {
     handlers.clear();
     curl_multi_cleanup(multiHandle);
     multiHandle = nullptr;
+    // After the multi handle, whose cleanup still takes sockets out of the set.
+    if (socketSet >= 0) {
+        close(socketSet);
+        socketSet = -1;
+    }
+    timerDue = -1;
     curl_global_cleanup();
     delete[] errorBuffer;
     errorBuffer = nullptr;
