@@ -7,6 +7,8 @@
 // The same for every authorization URL on standard input (one a line), `parallel` (default 16)
 // sign-ins at a time, each with a cookie jar of its own: one JSON line per URL, in the order of
 // the input, with its line number as "index". For benchmarks that mint hundreds of codes.
+import inParallel from './parallel.js';
+
 function remember(jar, response) {
   // Older Node versions lack getSetCookie: split the joined header at each new cookie.
   const lines = response.headers.getSetCookie
@@ -76,16 +78,7 @@ async function batch(user, parallel) {
   let input = '';
   for await (const chunk of process.stdin) input += chunk;
   const urls = input.split('\n').filter((line) => line.length > 0);
-  const results = new Array(urls.length);
-  let next = 0;
-  const worker = async () => {
-    while (next < urls.length) {
-      const index = next;
-      next += 1;
-      results[index] = { index, ...(await signInSafely(urls[index], user)) };
-    }
-  };
-  await Promise.all(Array.from({ length: Math.max(1, parallel) }, worker));
+  const results = await inParallel(urls, parallel, async (url, index) => ({ index, ...(await signInSafely(url, user)) }));
   process.stdout.write(results.map((out) => `${JSON.stringify(out)}\n`).join(''));
 }
 

@@ -12,6 +12,7 @@
 // "DONE <seconds of the whole round>". The process ends with its standard input.
 import readline from 'node:readline';
 import * as client from 'openid-client';
+import inParallel from './parallel.js';
 
 const [issuer] = process.argv.slice(2);
 const config = await client.discovery(new URL(issuer), 'qxss-client', undefined, client.ClientSecretBasic('qxss-secret'), {
@@ -28,25 +29,18 @@ async function login(job) {
 }
 
 async function run(jobs, parallel) {
-  const lines = new Array(jobs.length);
-  let next = 0;
-  const worker = async () => {
-    while (next < jobs.length) {
-      const index = next;
-      next += 1;
-      const started = performance.now();
-      let ok = 'ok';
-      try {
-        await login(jobs[index]);
-      } catch (e) {
-        ok = 'fail';
-        process.stderr.write(`peer: login ${index}: ${e}\n`);
-      }
-      lines[index] = `T ${index} ${ok} ${(performance.now() - started).toFixed(3)}\n`;
-    }
-  };
   const started = performance.now();
-  await Promise.all(Array.from({ length: Math.max(1, parallel) }, worker));
+  const lines = await inParallel(jobs, parallel, async (job, index) => {
+    const begun = performance.now();
+    let ok = 'ok';
+    try {
+      await login(job);
+    } catch (e) {
+      ok = 'fail';
+      process.stderr.write(`peer: login ${index}: ${e}\n`);
+    }
+    return `T ${index} ${ok} ${(performance.now() - begun).toFixed(3)}\n`;
+  });
   process.stdout.write(`${lines.join('')}DONE ${((performance.now() - started) / 1000).toFixed(6)}\n`);
 }
 
