@@ -9,12 +9,25 @@
 #include "platform/Url.h"
 #include "transport/CurlRequest.h"
 
+#include <poll.h>
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <exception>
 #include <memory>
 
 namespace {
 
 constexpr int32_t kStartAttempts = 3;
+constexpr int kReadyPerTurn = 1024;
+
+int64_t steadyMilliseconds() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 char *copyText(std::string const &text) {
     char *copy = nullptr;
@@ -28,12 +41,7 @@ int32_t CurlRequest::perform() {
         return 0;
     }
     processRequests();
-    int running = 0;
-    CURLMcode code = curl_multi_perform(multiHandle, &running);
-    if (code != CURLM_OK) {
-        Log() << "CurlRequest: ERROR! Failed to send requests failed: "
-              << curl_multi_strerror(code) << ".\n";
-    }
+    driveTransfers();
     processCompletedTransfers();
     cleanupFinishedRequests();
     return static_cast<int32_t>(completedFlows.size());
@@ -50,6 +58,19 @@ int CurlRequest::waitForEvents(int first, int second, int ms) {
             break;
         }
     }
+    if (socketSet >= 0) {
+        // The set stands for every transfer's socket: three descriptors to poll, however many
+        // transfers are in flight.
+        if (timerDue >= 0) {
+            timeout = static_cast<int>(
+                std::min<int64_t>(timeout, std::max<int64_t>(0, timerDue - steadyMilliseconds())));
+        }
+        pollfd fds[3] = {{first, POLLIN, 0}, {second, POLLIN, 0}, {socketSet, POLLIN, 0}};
+        if (poll(fds, 3, timeout) < 0 && errno != EINTR) {
+            return Io::wait(first, second, timeout);
+        }
+        return Io::wait(first, second, 0);
+    }
     curl_waitfd channel[2] = {{first, CURL_WAIT_POLLIN, 0}, {second, CURL_WAIT_POLLIN, 0}};
     int events = 0;
     if (curl_multi_poll(multiHandle, channel, 2, timeout, &events) != CURLM_OK) {
@@ -58,6 +79,74 @@ int CurlRequest::waitForEvents(int first, int second, int ms) {
     // libcurl reports only POLLIN for the channel; a hang-up or an error must read as ready
     // too, so the channel's own answer is taken from a poll that does not wait.
     return Io::wait(first, second, 0);
+}
+
+void CurlRequest::watchSockets() {
+    socketSet = epoll_create1(EPOLL_CLOEXEC);
+    timerDue = -1;
+    if (socketSet < 0) {
+        return;
+    }
+    curl_multi_setopt(multiHandle, CURLMOPT_SOCKETFUNCTION, &CurlRequest::onSocket);
+    curl_multi_setopt(multiHandle, CURLMOPT_SOCKETDATA, this);
+    curl_multi_setopt(multiHandle, CURLMOPT_TIMERFUNCTION, &CurlRequest::onTimer);
+    curl_multi_setopt(multiHandle, CURLMOPT_TIMERDATA, this);
+}
+
+int CurlRequest::onSocket(CURL * /*easy*/, curl_socket_t socket, int what, void *self,
+                          void * /*known*/) {
+    int set = static_cast<CurlRequest *>(self)->socketSet;
+    if (what == CURL_POLL_REMOVE) {
+        epoll_ctl(set, EPOLL_CTL_DEL, socket, nullptr);
+        return 0;
+    }
+    epoll_event event{};
+    event.events =
+        ((what & CURL_POLL_IN) != 0 ? EPOLLIN : 0u) | ((what & CURL_POLL_OUT) != 0 ? EPOLLOUT : 0u);
+    event.data.fd = socket;
+    if (epoll_ctl(set, EPOLL_CTL_MOD, socket, &event) != 0 && errno == ENOENT) {
+        epoll_ctl(set, EPOLL_CTL_ADD, socket, &event);
+    }
+    return 0;
+}
+
+int CurlRequest::onTimer(CURLM * /*multi*/, long timeoutMs, void *self) {
+    static_cast<CurlRequest *>(self)->timerDue =
+        timeoutMs < 0 ? -1 : steadyMilliseconds() + timeoutMs;
+    return 0;
+}
+
+void CurlRequest::driveTransfers() {
+    int running = 0;
+    CURLMcode code = CURLM_OK;
+    if (socketSet < 0) {
+        code = curl_multi_perform(multiHandle, &running);
+    } else {
+        // Sockets that stay ready beyond these are taken on the next turn, which then does not
+        // wait.
+        epoll_event events[kReadyPerTurn];
+        int ready = epoll_wait(socketSet, events, kReadyPerTurn, 0);
+        for (int i = 0; i < ready; ++i) {
+            uint32_t what = events[i].events;
+            int mask = ((what & EPOLLIN) != 0 ? CURL_CSELECT_IN : 0) |
+                       ((what & EPOLLOUT) != 0 ? CURL_CSELECT_OUT : 0) |
+                       ((what & (EPOLLERR | EPOLLHUP)) != 0 ? CURL_CSELECT_ERR : 0);
+            CURLMcode result =
+                curl_multi_socket_action(multiHandle, events[i].data.fd, mask, &running);
+            code = result != CURLM_OK ? result : code;
+        }
+        // Also what starts new transfers: adding one sets the timer to now.
+        if (timerDue >= 0 && steadyMilliseconds() >= timerDue) {
+            timerDue = -1;
+            CURLMcode result =
+                curl_multi_socket_action(multiHandle, CURL_SOCKET_TIMEOUT, 0, &running);
+            code = result != CURLM_OK ? result : code;
+        }
+    }
+    if (code != CURLM_OK) {
+        Log() << "CurlRequest: ERROR! Failed to send requests failed: " << curl_multi_strerror(code)
+              << ".\n";
+    }
 }
 
 bool CurlRequest::getCompletedFlow(AsyncFlowResult &result) {
@@ -196,8 +285,7 @@ void CurlRequest::processCompletedTransfers() {
                     std::string body = response ? *response : std::string();
                     std::string sessionId = session->second;
                     try {
-                        processFlowState(flow->second, body, static_cast<int32_t>(status),
-                                         result);
+                        processFlowState(flow->second, body, static_cast<int32_t>(status), result);
                     } catch (std::exception const &error) {
                         // A flow that threw still ends with a result, so its command gets its
                         // one reply.

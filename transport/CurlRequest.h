@@ -105,8 +105,8 @@ public:
     // Frees the records of finished transfers, keeping the order of the others.
     void cleanupFinishedRequests();
     // Fails the flow on a libcurl error or a status outside 200-299, else advances it by type.
-    void processFlowState(AsyncFlowContext &context, std::string const &response,
-                          int32_t httpCode, CURLcode result);
+    void processFlowState(AsyncFlowContext &context, std::string const &response, int32_t httpCode,
+                          CURLcode result);
     // End a flow with a result; both destroy `context` (it is erased from activeFlows).
     void failFlow(AsyncFlowContext &context, std::string const &message, int32_t httpCode);
     void completeFlow(AsyncFlowContext &context, std::string const &data);
@@ -148,12 +148,25 @@ public:
     std::vector<AsyncFlowResult> completedFlows;
     std::unordered_map<int32_t, std::string> requestToSession;
 
+    // The sockets of the transfers in flight, as libcurl names them, in an epoll set, and when
+    // libcurl's timer is next due (steady clock, milliseconds; -1: not set). A turn hands
+    // libcurl only the sockets that are ready, so its cost follows the traffic, not the number
+    // of transfers in flight. -1 (no epoll set could be made): every turn runs every transfer.
+    int socketSet = -1;
+    int64_t timerDue = -1;
+
     // Test seam at the pool boundary: the next this-many handle creations fail as if libcurl
     // could not make a handle. Production code never sets it.
     int32_t failHandlerCreations = 0;
 
 private:
     void freeRequest(curlRequest *request);
+    // Makes the epoll set and gives libcurl the callbacks that fill it (after curl_multi_init).
+    void watchSockets();
+    // Lets libcurl move: the ready sockets of the set and a due timer, or all transfers.
+    void driveTransfers();
+    static int onSocket(CURL *easy, curl_socket_t socket, int what, void *self, void *known);
+    static int onTimer(CURLM *multi, long timeoutMs, void *self);
     // The start steps that all three flows share.
     bool startFlow(AsyncFlowContext context, char const *startLine,
                    bool (CurlRequest::*queue)(AsyncFlowContext &), char const *queueFailure,

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -105,6 +106,28 @@ std::string ChildProcess::waitForLine(std::string const &prefix, int ms) {
     }
 }
 
+bool ChildProcess::send(std::string const &text) {
+    size_t sent = 0;
+    while (stdinFd_ >= 0 && sent < text.size()) {
+        ssize_t wrote = write(stdinFd_, text.data() + sent, text.size() - sent);
+        if (wrote < 0 && errno == EINTR) {
+            continue;
+        }
+        if (wrote <= 0) {
+            return false;
+        }
+        sent += static_cast<size_t>(wrote);
+    }
+    return stdinFd_ >= 0;
+}
+
+void ChildProcess::closeInput() {
+    if (stdinFd_ >= 0) {
+        close(stdinFd_);
+        stdinFd_ = -1;
+    }
+}
+
 bool ChildProcess::exited() {
     if (pid <= 0) {
         return true;
@@ -132,10 +155,7 @@ int ChildProcess::waitForExit(int ms) {
 }
 
 void ChildProcess::stop() {
-    if (stdinFd_ >= 0) {
-        close(stdinFd_);
-        stdinFd_ = -1;
-    }
+    closeInput();
     if (pid > 0) {
         kill(pid, SIGTERM);
         for (int i = 0; i < 200; ++i) {

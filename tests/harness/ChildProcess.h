@@ -19,6 +19,11 @@ public:
     // Reads the child's standard output until a line starting with `prefix`; returns that line
     // without the prefix, or empty after `ms` milliseconds or at end of output.
     std::string waitForLine(std::string const &prefix, int ms);
+    // Writes all of `text` to the child's standard input; false once it cannot (the child
+    // ended, or the input was closed).
+    bool send(std::string const &text);
+    // Closes the child's standard input: a child that reads it to its end goes on from there.
+    void closeInput();
     // True once the child has ended (it is then reaped), or when none was started.
     bool exited();
     // Waits up to `ms` milliseconds for the child to end and reaps it; its wait status (as

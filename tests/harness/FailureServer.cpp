@@ -217,7 +217,9 @@ void FailureServer::serve(int fd) {
         raw.append(buffer, static_cast<size_t>(got));
     }
     Request request;
+    size_t recorded = 0;
     if (headerEnd != std::string::npos) {
+        request.received = std::chrono::steady_clock::now();
         size_t lineEnd = raw.find("\r\n");
         std::string requestLine = raw.substr(0, lineEnd);
         size_t space = requestLine.find(' ');
@@ -227,6 +229,7 @@ void FailureServer::serve(int fd) {
         request.headers = raw.substr(lineEnd + 2, headerEnd - lineEnd - 2);
         request.body = raw.substr(headerEnd + 4);
         std::lock_guard<std::mutex> lock(mutex_);
+        recorded = requests_.size();
         requests_.push_back(request);
     }
     Reply reply = replyFor(request.target);
@@ -242,6 +245,11 @@ void FailureServer::serve(int fd) {
                                reason(reply.status) + "\r\nContent-Type: " + reply.contentType +
                                "\r\nContent-Length: " + std::to_string(reply.body.size()) +
                                "\r\nConnection: close\r\n\r\n" + reply.body;
+        {
+            // Before the answer leaves: the client may act on it before send returns here.
+            std::lock_guard<std::mutex> lock(mutex_);
+            requests_[recorded].answered = std::chrono::steady_clock::now();
+        }
         sendAll(response);
     }
     if (ssl != nullptr) {

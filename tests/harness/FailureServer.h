@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,10 @@ public:
         std::string target;  // path and query as sent
         std::string headers;
         std::string body;
+        // When the request was read whole, and when its answer was about to be sent (the
+        // epoch when none was, as with a hang or a reset).
+        std::chrono::steady_clock::time_point received;
+        std::chrono::steady_clock::time_point answered;
     };
 
     explicit FailureServer(bool tls = false);

@@ -60,10 +60,11 @@ LocalProvider::~LocalProvider() {
     node_.stop();
 }
 
-LocalProvider::LoginResult LocalProvider::login(std::string const &authUrl,
-                                                std::string const &user) const {
-    LoginResult result;
-    std::string line = runProgram({"node", "login.js", authUrl, user}, serversDirectory());
+namespace {
+
+// One line of login.js taken apart.
+LocalProvider::LoginResult loginResult(std::string const &line) {
+    LocalProvider::LoginResult result;
     Json::Value answer;
     Json::Reader reader;
     if (line.empty() || !reader.parse(line, answer) || !answer.isObject()) {
@@ -81,9 +82,53 @@ LocalProvider::LoginResult LocalProvider::login(std::string const &authUrl,
     return result;
 }
 
+}  // namespace
+
+LocalProvider::LoginResult LocalProvider::login(std::string const &authUrl,
+                                                std::string const &user) const {
+    return loginResult(runProgram({"node", "login.js", authUrl, user}, serversDirectory()));
+}
+
+std::vector<LocalProvider::LoginResult> LocalProvider::loginAll(
+    std::vector<std::string> const &authUrls, std::string const &user, int parallel) const {
+    std::vector<LoginResult> results(authUrls.size());
+    ChildProcess helper;
+    if (!helper.start({"node", "login.js", "--batch", user, std::to_string(parallel)},
+                      serversDirectory())) {
+        return results;
+    }
+    std::string input;
+    for (auto const &url : authUrls) {
+        input += url + "\n";
+    }
+    helper.send(input);
+    helper.closeInput();
+    // Each sign-in takes a few milliseconds of the provider's time; a minute for the slowest.
+    int ms = 60000 + static_cast<int>(authUrls.size()) * 100;
+    for (size_t i = 0; i < authUrls.size(); ++i) {
+        std::string line = helper.waitForLine("", ms);
+        if (line.empty()) {
+            break;
+        }
+        Json::Value answer;
+        Json::Reader reader;
+        if (!reader.parse(line, answer) || !answer.isObject() || !answer["index"].isUInt() ||
+            answer["index"].asUInt() >= results.size()) {
+            continue;
+        }
+        results[answer["index"].asUInt()] = loginResult(line);
+    }
+    return results;
+}
+
 bool LocalProvider::setRevocationBody(bool on) const {
     std::string answer = fetch(base + "/qxss-test/revocation-body/" + (on ? "on" : "off"));
     return answer == std::string("{\"revocationBody\":") + (on ? "true" : "false") + "}";
+}
+
+bool LocalProvider::setDelay(int ms) const {
+    return fetch(base + "/qxss-test/delay/" + std::to_string(ms)) ==
+           "{\"delay\":" + std::to_string(ms) + "}";
 }
 
 int LocalProvider::requestCount(std::string const &path) const {

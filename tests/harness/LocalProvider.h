@@ -3,9 +3,11 @@
 #include "tests/harness/ChildProcess.h"
 
 #include <string>
+#include <vector>
 
 // The real OpenID provider of the tests (tests/servers/provider.js) on a free loopback port.
-// shared() starts it once per test program; it stops when the program ends.
+// shared() starts it once per test program; it stops when the program ends. With
+// QXSS_PROVIDER_STORE=map in the environment it keeps any number of codes and tokens.
 class LocalProvider {
 public:
     struct LoginResult {
@@ -29,10 +31,17 @@ public:
     // The user's side of a login: follows the provider's pages for `authUrl` as `user` and
     // returns the code and state of the final redirect, which is not called.
     LoginResult login(std::string const &authUrl, std::string const &user = "alice") const;
+    // login() for every URL of `authUrls`, `parallel` sign-ins at a time in one helper process:
+    // one result a URL, in their order (all failed when the helper gave no answer).
+    std::vector<LoginResult> loginAll(std::vector<std::string> const &authUrls,
+                                      std::string const &user = "alice", int parallel = 16) const;
 
     // Whether revocations are answered with a JSON body (true) or, as the provider does by
     // itself, with an empty 200 (false, the default). False when the provider did not confirm.
     bool setRevocationBody(bool on) const;
+    // The token, userinfo and revocation endpoints answer each call `ms` milliseconds late (0:
+    // at once, the default). False when the provider did not confirm.
+    bool setDelay(int ms) const;
     // How many requests for `path` (e.g. "/token/revocation", "/v2.0/me") arrived so far.
     int requestCount(std::string const &path) const;
 

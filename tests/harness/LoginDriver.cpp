@@ -24,8 +24,7 @@ std::string LoginDriver::entry(Entry const &e) {
         config += ",\"qx_proxy\":\"" + e.proxy + "\"";
     }
     return "{\"name\":\"" + e.name + "\",\"desc\":\"Sign in with " + e.name +
-           "\",\"type\":\"OAuth\",\"provider\":\"" + e.provider + "\",\"config\":{" + config +
-           "}}";
+           "\",\"type\":\"OAuth\",\"provider\":\"" + e.provider + "\",\"config\":{" + config + "}}";
 }
 
 std::string LoginDriver::file(std::vector<Entry> const &entries) {
@@ -36,10 +35,8 @@ std::string LoginDriver::file(std::vector<Entry> const &entries) {
     return text + "]";
 }
 
-LoginDriver::Authorization LoginDriver::authorize(WorkerHost &host, int id,
-                                                  std::string const &session,
-                                                  std::string const &user) {
-    Authorization result;
+std::string LoginDriver::authorizationUrl(WorkerHost &host, int id, std::string const &session,
+                                          Authorization &result) {
     host.send("SSO_GET_CONFIG|" + std::to_string(id) + "|" + session + "\n");
     result.reply = host.readLine(10000);
     std::string const prefix = "SSO_GET_CONFIG_OK|";
@@ -49,7 +46,7 @@ LoginDriver::Authorization LoginDriver::authorize(WorkerHost &host, int id,
         jsonEnd == std::string::npos ? jsonEnd : result.reply.find('|', jsonEnd + 1);
     if (result.reply.compare(0, prefix.size(), prefix) != 0 || challengeEnd == std::string::npos) {
         result.error = "no client configuration: '" + result.reply + "'";
-        return result;
+        return std::string();
     }
     std::string json = result.reply.substr(prefix.size(), jsonEnd - prefix.size());
     std::string challenge = result.reply.substr(jsonEnd + 1, challengeEnd - jsonEnd - 1);
@@ -58,10 +55,22 @@ LoginDriver::Authorization LoginDriver::authorize(WorkerHost &host, int id,
     char *url = SsoLoginUrl(encoded.get());
     if (url == nullptr) {
         result.error = "SsoLoginUrl refused the login data";
+        return std::string();
+    }
+    std::string text = url;
+    SsoFreeString(url);
+    return text;
+}
+
+LoginDriver::Authorization LoginDriver::authorize(WorkerHost &host, int id,
+                                                  std::string const &session,
+                                                  std::string const &user) {
+    Authorization result;
+    std::string url = authorizationUrl(host, id, session, result);
+    if (url.empty()) {
         return result;
     }
     auto login = LocalProvider::shared().login(url, user);
-    SsoFreeString(url);
     if (!login.ok) {
         result.error = login.error;
         return result;

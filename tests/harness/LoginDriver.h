@@ -17,10 +17,10 @@ public:
         std::string provider = "keycloak";
         std::string idp;  // empty: the local provider's base URL
         std::string userType = "local";
-        std::string userName;  // qx_user_name, left out when empty
-        bool refresh = true;   // qx_refresh
-        int64_t lifetime = -1; // qx_refresh_lifetime, left out when negative
-        std::string proxy;     // qx_proxy, left out when empty
+        std::string userName;   // qx_user_name, left out when empty
+        bool refresh = true;    // qx_refresh
+        int64_t lifetime = -1;  // qx_refresh_lifetime, left out when negative
+        std::string proxy;      // qx_proxy, left out when empty
     };
 
     static std::string entry(Entry const &entry);
@@ -33,8 +33,13 @@ public:
         std::string reply;  // the SSO_GET_CONFIG reply
         std::string error;
     };
-    // Sends "SSO_GET_CONFIG|<id>|<session>" on `host`, builds the authorization URL with
-    // SsoLoginUrl and signs in as `user` at the local provider. The code is not yet used.
+    // Sends "SSO_GET_CONFIG|<id>|<session>" on `host` and builds the authorization URL with
+    // SsoLoginUrl, with the state "state-<session>": the URL, or "" with `result.error` set.
+    // `result.reply` is the SSO_GET_CONFIG reply.
+    static std::string authorizationUrl(WorkerHost &host, int id, std::string const &session,
+                                        Authorization &result);
+    // authorizationUrl(), then signs in as `user` at the local provider. The code is not yet
+    // used.
     static Authorization authorize(WorkerHost &host, int id, std::string const &session,
                                    std::string const &user = "alice");
     // A fresh 32-character user session from SsoGetUserSession.

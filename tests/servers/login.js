@@ -3,10 +3,13 @@
 // Follows the provider's pages (login form, any further interaction) and prints one JSON line
 // {"code": ..., "state": ..., "location": ...} from the final redirect, without calling the
 // redirect URI; or {"error": ...}.
-const [authUrl, user = 'alice'] = process.argv.slice(2);
-const jar = new Map();
+//   node login.js --batch [user] [parallel]
+// The same for every authorization URL on standard input (one a line), `parallel` (default 16)
+// sign-ins at a time, each with a cookie jar of its own: one JSON line per URL, in the order of
+// the input, with its line number as "index". For benchmarks that mint hundreds of codes.
+import inParallel from './parallel.js';
 
-function remember(response) {
+function remember(jar, response) {
   // Older Node versions lack getSetCookie: split the joined header at each new cookie.
   const lines = response.headers.getSetCookie
     ? response.headers.getSetCookie()
@@ -18,17 +21,17 @@ function remember(response) {
   }
 }
 
-function cookieHeader() {
+function cookieHeader(jar) {
   return [...jar].map(([k, v]) => `${k}=${v}`).join('; ');
 }
 
-async function request(url, options = {}) {
-  const response = await fetch(url, { ...options, redirect: 'manual', headers: { ...(options.headers || {}), cookie: cookieHeader() } });
-  remember(response);
-  return response;
-}
-
-async function main() {
+async function signIn(authUrl, user) {
+  const jar = new Map();
+  const request = async (url, options = {}) => {
+    const response = await fetch(url, { ...options, redirect: 'manual', headers: { ...(options.headers || {}), cookie: cookieHeader(jar) } });
+    remember(jar, response);
+    return response;
+  };
   let url = authUrl;
   const origin = new URL(authUrl).origin;
   for (let step = 0; step < 12; step += 1) {
@@ -63,4 +66,26 @@ async function main() {
   return { error: 'too many steps' };
 }
 
-main().then((out) => process.stdout.write(`${JSON.stringify(out)}\n`), (e) => process.stdout.write(`${JSON.stringify({ error: String(e) })}\n`));
+async function signInSafely(authUrl, user) {
+  try {
+    return await signIn(authUrl, user);
+  } catch (e) {
+    return { error: String(e) };
+  }
+}
+
+async function batch(user, parallel) {
+  let input = '';
+  for await (const chunk of process.stdin) input += chunk;
+  const urls = input.split('\n').filter((line) => line.length > 0);
+  const results = await inParallel(urls, parallel, async (url, index) => ({ index, ...(await signInSafely(url, user)) }));
+  process.stdout.write(results.map((out) => `${JSON.stringify(out)}\n`).join(''));
+}
+
+const args = process.argv.slice(2);
+if (args[0] === '--batch') {
+  await batch(args[1] || 'alice', Number(args[2] || 16));
+} else {
+  const out = await signInSafely(args[0], args[1] || 'alice');
+  process.stdout.write(`${JSON.stringify(out)}\n`);
+}

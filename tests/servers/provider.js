@@ -2,9 +2,12 @@
 //   node provider.js [port]      (0 or nothing: any free port)
 // Prints one line "READY <base URL>" when it listens. Discovery is served at
 // <base>/.well-known/openid-configuration and, with its own endpoints, under <base>/v2.0.
+// QXSS_PROVIDER_STORE=map in the environment: a store without the default's ~1,000-entry limit
+// (map-adapter.js), for runs that mint hundreds of codes ahead of their use.
 import http from 'node:http';
 import { Readable } from 'node:stream';
 import Provider from 'oidc-provider';
+import MapAdapter from './map-adapter.js';
 
 export const clients = [
   {
@@ -42,6 +45,7 @@ const extraScopes = ['https://graph.microsoft.com/User.Read'];
 
 function configuration() {
   return {
+    ...(process.env.QXSS_PROVIDER_STORE === 'map' ? { adapter: MapAdapter } : {}),
     clients: clients.map((c) => ({
       ...c,
       grant_types: ['authorization_code', 'refresh_token'],
@@ -131,8 +135,12 @@ async function makeProvider(issuer) {
 //   GET /qxss-test/requests             {"<path>": <count>} of every request so far
 //   GET /qxss-test/revocation-body/on   revocations answer 200 with a JSON body
 //   GET /qxss-test/revocation-body/off  revocations answer as the provider does: 200, empty
+//   GET /qxss-test/delay/<ms>           the token, userinfo and revocation endpoints answer
+//                                       each call <ms> milliseconds later (0: at once), as a
+//                                       provider across a network does; sign-in pages do not
 const requestCounts = {};
 let revocationBody = false;
+let clientCallDelay = 0;
 
 function control(path, res) {
   if (path === '/qxss-test/requests') {
@@ -147,8 +155,20 @@ function control(path, res) {
     res.end(JSON.stringify({ revocationBody }));
     return;
   }
+  const delay = /^\/qxss-test\/delay\/([0-9]+)$/.exec(path);
+  if (delay) {
+    clientCallDelay = Number(delay[1]);
+    res.writeHead(200, { 'content-type': 'application/json' });
+    res.end(JSON.stringify({ delay: clientCallDelay }));
+    return;
+  }
   res.writeHead(404);
   res.end();
+}
+
+// The endpoints a client calls after the sign-in, at the root and under /v2.0.
+function isClientCall(path) {
+  return /^(\/v2\.0)?\/(token|me|token\/revocation)$/.test(path);
 }
 
 // RFC 7009 lets a provider answer a revocation with an empty 200, as this one does; some
@@ -182,14 +202,18 @@ server.listen(port, '127.0.0.1', async () => {
     }
     requestCounts[path] = (requestCounts[path] || 0) + 1;
     if (revocationBody && path.endsWith('/token/revocation')) answerRevocationWithBody(res);
-    if (req.url === '/v2.0' || req.url.startsWith('/v2.0/')) {
-      req.originalUrl = req.url;
-      req.baseUrl = '/v2.0';
-      req.url = req.url.slice('/v2.0'.length) || '/';
-      v2Handler(req, res);
-    } else {
-      rootHandler(req, res);
-    }
+    const handle = () => {
+      if (req.url === '/v2.0' || req.url.startsWith('/v2.0/')) {
+        req.originalUrl = req.url;
+        req.baseUrl = '/v2.0';
+        req.url = req.url.slice('/v2.0'.length) || '/';
+        v2Handler(req, res);
+      } else {
+        rootHandler(req, res);
+      }
+    };
+    if (clientCallDelay > 0 && isClientCall(path)) setTimeout(handle, clientCallDelay);
+    else handle();
   });
   process.stdout.write(`READY ${base}\n`);
 });

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# ctest's run of the login benchmark in its short mode (a few logins of each kind), so that it
+# cannot rot: it must run, end with its RESULT line and write its CSV, and its PNG where gnuplot
+# is installed. No figure is judged here; the machine's load decides them.
+#   login-short.sh <bench_login> <output folder>
+set -euo pipefail
+program=$1
+out=$2
+rm -rf "$out"
+mkdir -p "$out"
+"$program" --short --out "$out" | tee "$out/output.txt"
+tail -n 1 "$out/output.txt" | grep -Eq '^RESULT p50_library_ms=[0-9.]+ p50_bare_ms=[0-9.]+ p50_peer_ms=[0-9.]+ rate_library=[0-9.]+ rate_bare=[0-9.]+ rate_peer=[0-9.]+$'
+test "$(head -n 1 "$out/login.csv")" = "phase,client,delay_ms,index,latency_ms"
+test "$(wc -l < "$out/login.csv")" -gt 1
+if command -v gnuplot >/dev/null 2>&1; then
+    test -s "$out/login.png"
+fi
