@@ -6,6 +6,7 @@
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LogCapture.h"
 #include "transport/SsoRequest.h"
+#include "worker/SsoChannel.h"
 
 #include <gtest/gtest.h>
 
@@ -41,19 +42,6 @@ bool hasHeader(FailureServer::Request const &request, std::string const &line) {
 std::string taken(char *token) {
     std::unique_ptr<char[]> owned(token);
     return owned ? std::string(owned.get()) : std::string();
-}
-
-std::vector<std::string> split(std::string const &text) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    for (;;) {
-        size_t bar = text.find('|', start);
-        parts.push_back(text.substr(start, bar - start));
-        if (bar == std::string::npos) {
-            return parts;
-        }
-        start = bar + 1;
-    }
 }
 
 class BlockingFlowsTest : public ::testing::Test {
@@ -120,7 +108,7 @@ TEST_F(BlockingFlowsTest, LoginWithRefreshOnKeepsARecordUnderARandomSession) {
     pend("sess");
     log.clear();
     std::string token = taken(server.loginFlow("code-1", "sess"));
-    auto parts = split(token);
+    auto parts = SsoChannel::split(token);
     ASSERT_EQ(parts.size(), 3u) << token;
     EXPECT_EQ(parts[0], "alice");
     EXPECT_EQ(parts[1].size(), 32u);
@@ -259,9 +247,9 @@ TEST_F(BlockingFlowsTest, BodiesAreJudgedWhateverTheStatus) {
     idp.on("/token", 500, kTokens);
     idp.on("/me", 500, kUserInfo);
     pend("sess");
-    EXPECT_EQ(split(taken(server.loginFlow("code", "sess")))[0], "alice");
+    EXPECT_EQ(SsoChannel::split(taken(server.loginFlow("code", "sess")))[0], "alice");
     keep("value");
-    EXPECT_EQ(split(taken(server.refreshFlow("uuid", "value")))[0], "alice");
+    EXPECT_EQ(SsoChannel::split(taken(server.refreshFlow("uuid", "value")))[0], "alice");
     EXPECT_EQ(taken(server.nodeFlow("{\"access_token\":\"at-n\",\"provider\":\"keycloak\","
                                     "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
                                         idp.url("/me") + "\"}",
@@ -284,7 +272,7 @@ TEST_F(BlockingFlowsTest, RefreshMovesTheRecordToTheNewSession) {
     keep("value");
     log.clear();
     std::string token = taken(server.refreshFlow("uuid-1", "value"));
-    auto parts = split(token);
+    auto parts = SsoChannel::split(token);
     ASSERT_EQ(parts.size(), 3u) << token;
     EXPECT_EQ(parts[0], "alice");
     EXPECT_EQ(parts[1].size(), 32u);
@@ -313,13 +301,13 @@ TEST_F(BlockingFlowsTest, GoogleRefreshKeepsTheOldRefreshTokenInTheNewRecord) {
     config().provider = "google";
     idp.on("/token", 200, "{\"access_token\":\"at-2\",\"id_token\":\"id-2\"}");
     keep("value");
-    auto parts = split(taken(server.refreshFlow("uuid", "value")));
+    auto parts = SsoChannel::split(taken(server.refreshFlow("uuid", "value")));
     ASSERT_EQ(parts.size(), 3u);
     EXPECT_EQ(server.refreshInfoBySession[parts[1]].refreshToken, "rt-old");
     EXPECT_EQ(server.refreshInfoBySession[parts[1]].accessToken, "at-2");
 
     idp.on("/token", 200, kTokens);
-    auto again = split(taken(server.refreshFlow("uuid", parts[1])));
+    auto again = SsoChannel::split(taken(server.refreshFlow("uuid", parts[1])));
     ASSERT_EQ(again.size(), 3u);
     EXPECT_EQ(server.refreshInfoBySession[again[1]].refreshToken, "rt-old");
 }

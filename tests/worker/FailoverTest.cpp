@@ -7,6 +7,7 @@
 #include "tests/harness/LoginDriver.h"
 #include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
+#include "worker/SsoChannel.h"
 
 #include <gtest/gtest.h>
 
@@ -19,19 +20,6 @@
 
 namespace {
 
-std::vector<std::string> split(std::string const &text) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    for (;;) {
-        size_t bar = text.find('|', start);
-        parts.push_back(text.substr(start, bar - start));
-        if (bar == std::string::npos) {
-            return parts;
-        }
-        start = bar + 1;
-    }
-}
-
 bool allDigits(std::string const &text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
@@ -39,7 +27,7 @@ bool allDigits(std::string const &text) {
 // "<word>|alice|<32-character session value>|<expiry>|<session>\n"; the session value, or "".
 std::string sessionValueOf(std::string const &reply, std::string const &word,
                            std::string const &session) {
-    auto parts = split(reply);
+    auto parts = SsoChannel::split(reply);
     if (parts.size() != 5 || parts[0] != word || parts[1] != "alice" || parts[2].size() != 32 ||
         !allDigits(parts[3]) || parts[4] != session + "\n") {
         return std::string();
