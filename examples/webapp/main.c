@@ -80,7 +80,7 @@ static int usage(char const *program) {
             "usage: %s [--address IPv4] [--port N] [--timeout-ms N] [--log FILE]\n"
             "       [--https CERT KEY] [--public-origin URL] [--trusted-proxy ADDR]\n"
             "       [--session-lifetime SECONDS] [--logins-per-minute N] [--max-pending N]\n"
-            "       [--max-connections N] [--max-per-address N]\n"
+            "       [--pending-lifetime SECONDS] [--max-connections N] [--max-per-address N]\n"
             "  --https CERT KEY       serve TLS with these PEM files; cookies become\n"
             "                         Secure and __Host- prefixed\n"
             "  --public-origin URL    the origin browsers see (https://sso.example.com:8443)\n"
@@ -115,6 +115,7 @@ int main(int argc, char **argv) {
         .maxPerAddress = 32,
     };
     int maxPending = 512;
+    int pendingLifetime = 300;
     char const *logPath = NULL;
     for (int i = 1; i < argc; ++i) {
         char const *value = i + 1 < argc ? argv[i + 1] : NULL;
@@ -142,6 +143,8 @@ int main(int argc, char **argv) {
             ok = number(value, 1, 100000, &settings.loginsPerMinute);
         } else if (strcmp(argv[i], "--max-pending") == 0) {
             ok = number(value, 1, 1000000, &maxPending);
+        } else if (strcmp(argv[i], "--pending-lifetime") == 0) {
+            ok = number(value, 1, 86400, &pendingLifetime);
         } else if (strcmp(argv[i], "--max-connections") == 0) {
             ok = number(value, 1, 100000, &settings.maxConnections);
         } else if (strcmp(argv[i], "--max-per-address") == 0) {
@@ -165,7 +168,7 @@ int main(int argc, char **argv) {
         }
         SsoSetLogCallback(toLogFile, NULL);
     }
-    if (storeStart(maxPending) != 0) {
+    if (storeStart(maxPending, pendingLifetime) != 0) {
         fprintf(stderr, "qxss-webapp: out of memory\n");
         return 1;
     }
