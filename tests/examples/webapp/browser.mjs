@@ -12,8 +12,9 @@
 // - HTTPS with a throw-away certificate that only this Chromium trusts: __Host- cookies,
 //   Secure, HSTS, the Origin check against https;
 // - tight limits: a flood of sign-ins from 127.0.0.2 gets 429 while alice on 127.0.0.1 signs
-//   in, a full pending store answers 503 without pushing out bob's sign-in under way, and a
-//   session ends at its lifetime unless a refresh moves it;
+//   in, a full pending store answers 503 without pushing out bob's sign-in under way, its
+//   entries make room after their lifetime, and a session ends at its lifetime unless a
+//   refresh moves it;
 // - behind a balancer: X-Forwarded-For from it alone, the public origin, __Host- cookies.
 // Saves a screenshot of every page it checks.
 // Exit 0: passed, 1: failed, 77: no Chromium or puppeteer-core here (skipped).
@@ -42,8 +43,9 @@ function skip(why) {
   process.exit(77);
 }
 
-function check(condition, what) {
-  if (!condition) throw new Error(`check failed: ${what}`);
+// `detail` (say, the page's text) is shown only when the check fails.
+function check(condition, what, detail = '') {
+  if (!condition) throw new Error(`check failed: ${what}${detail ? `\n--- ${detail}` : ''}`);
   console.log(`ok - ${what}`);
 }
 
@@ -114,7 +116,7 @@ async function startApp(base, { name, scheme = 'http', args = [], env = {}, call
   const port = chosen ?? await freePort();
   const origin = `${scheme}://127.0.0.1:${port}`;
   writeFileSync(path.join(configDir, 'sso.cfg'), JSON.stringify(configuration(base, callback ?? `${origin}/cb`, secondBase), null, 2));
-  const { child } = await start(program, ['--port', String(port), '--timeout-ms', '3000', ...args], {
+  const { child } = await start(program, ['--port', String(port), ...args], {
     env: { ...process.env, QXSS_WEBAPP_CONFIG_DIR: configDir, ...env },
   }, /listening on/);
   return { origin, port, child, configDir };
@@ -346,7 +348,7 @@ async function plainHttp(browser, base, otherSite, app, libraryLog, stallFile) {
   await Promise.all([page.waitForNavigation(), page.click('#refresh')]);
   await screenshot(page, 'refreshed');
   const refreshed = await text(page);
-  check(/Signed in as alice/.test(refreshed) && /Refreshed 1 time\./.test(refreshed), 'the session was refreshed');
+  check(/Signed in as alice/.test(refreshed) && /Refreshed 1 time\./.test(refreshed), 'the session was refreshed', refreshed);
 
   // Sign out: the session is forgotten.
   await Promise.all([page.waitForNavigation(), page.click('#logout')]);
@@ -537,7 +539,8 @@ async function overHttps(browser, base, otherSite, app, tls) {
   check(refused.status() === 403, 'over HTTPS a refresh posted from another site is refused');
   await page.goto(origin);
   await Promise.all([page.waitForNavigation(), page.click('#refresh')]);
-  check(/Refreshed 1 time\./.test(await text(page)), 'over HTTPS the page\'s own form is obeyed');
+  const ownForm = await text(page);
+  check(/Refreshed 1 time\./.test(ownForm), 'over HTTPS the page\'s own form is obeyed', ownForm);
   const plainOrigin = await request(`${origin}/logout`, { method: 'POST', headers: { origin: `http://127.0.0.1:${app.port}` }, ca: tls.pem });
   check(plainOrigin.status === 403, 'over HTTPS an http:// Origin is refused');
   const health = await request(`${origin}/healthz`, { ca: tls.pem });
@@ -589,17 +592,23 @@ async function underTightLimits(browser, base, app) {
   await sleep(Math.max(0, signedInAt + 4000 - Date.now()));
   await Promise.all([alice.waitForNavigation(), alice.click('#refresh')]);
   const refreshedAt = Date.now();
-  check(/Refreshed 1 time\./.test(await text(alice)), 'alice refreshes before her session ends');
+  const refreshedPage = await text(alice);
+  check(/Refreshed 1 time\./.test(refreshedPage), 'alice refreshes before her session ends', refreshedPage);
   await sleep(Math.max(0, signedInAt + 11000 - Date.now()));
   await alice.goto(origin);
   await screenshot(alice, 'after-first-lifetime');
-  check(/Signed in as alice/.test(await text(alice)), 'past the first end the refreshed session lives');
+  const livesOn = await text(alice);
+  check(/Signed in as alice/.test(livesOn), 'past the first end the refreshed session lives', livesOn);
   await sleep(Math.max(0, refreshedAt + 11500 - Date.now()));
   await alice.goto(origin);
   await screenshot(alice, 'session-expired');
   check(!/Signed in/.test(await text(alice)) && (await alice.$$('button[name="option"]')).length === 2,
     'past its lifetime the session is over');
   await aliceContext.close();
+
+  // By now the logins of the flood and of 127.0.0.3 are older than ten seconds: they make room.
+  const later = await request(`${origin}/login?option=0`, { localAddress: '127.0.0.4' });
+  check(later.status === 303, 'once the pending logins are past their lifetime, a new sign-in starts');
 }
 
 // Behind a balancer at 127.0.0.7 whose public origin is https://sso.example.test: only the
@@ -640,7 +649,7 @@ async function main() {
   const stallFile = path.join(temporaryDir('stall'), 'stall');
   const plain = await startApp(base, {
     name: 'plain',
-    args: ['--log', libraryLog, '--logins-per-minute', '120', '--max-per-address', '16'],
+    args: ['--log', libraryLog, '--timeout-ms', '5000', '--logins-per-minute', '120', '--max-per-address', '16'],
     env: { QXSS_WEBAPP_STALL_FILE: stallFile },
     secondBase: longNames.origin,
   });
@@ -666,7 +675,7 @@ async function main() {
   });
   const tight = await startApp(base, {
     name: 'tight',
-    args: ['--logins-per-minute', '5', '--max-pending', '8', '--session-lifetime', '10'],
+    args: ['--logins-per-minute', '5', '--max-pending', '8', '--pending-lifetime', '10', '--session-lifetime', '10'],
   });
 
   const balanced = await startApp(base, {
