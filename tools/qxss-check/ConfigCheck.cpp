@@ -350,6 +350,8 @@ std::string authorizationUrlFrom(std::string const &clientConfig, std::string co
 }
 
 void describeRecord(SsoServerConfigOAuth const &record, ProviderReport &report) {
+    report.id = record.configId;
+    report.provider = record.provider;
     copyRecord(record, report);
     copyEndpoints(record, report);
 }
