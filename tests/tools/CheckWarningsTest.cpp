@@ -172,6 +172,22 @@ TEST_F(CheckToolTest, ProviderRulesThatFailEveryLoginNameTheirSetting) {
     EXPECT_NE(text.out.find("  warning: " + consent + "\n"), std::string::npos) << text.out;
 }
 
+TEST_F(CheckToolTest, MicrosoftUserNameClaimMustBeInItsUserinfo) {
+    Json::Value upn = offlineEntry("microsoft");
+    upn["config"]["qx_user_name"] = "preferred_username";
+    Json::Value email = offlineEntry("microsoft");
+    email["config"]["qx_user_name"] = "email";
+    ToolRun run = runCheck({"--offline", "--json", write("ms.cfg", {upn, email})});
+    EXPECT_EQ(run.status, 0) << run.out;
+    Json::Value providers = parsed(run.out)["providers"];
+    EXPECT_EQ(warningsOf(providers[0]["warnings"]),
+              std::vector<std::string>{
+                  "every login fails: microsoft's userinfo answer holds only sub, the name "
+                  "claims and email, never 'preferred_username', and qx_user_name admits no "
+                  "other claim; set \"qx_user_name\": \"email\" or leave it out"});
+    EXPECT_EQ(providers[1]["warnings"].size(), 0u);
+}
+
 TEST_F(CheckToolTest, ValuesFromTheProviderAreEscaped) {
     FailureServer idp;
     idp.on("/.well-known/openid-configuration", 200,

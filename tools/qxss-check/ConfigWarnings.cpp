@@ -35,6 +35,16 @@ bool revokesWithEmptyAnswer(std::string const &provider) {
     return provider == "okta" || provider == "google" || provider == "keycloak";
 }
 
+// What microsoft's userinfo endpoint answers with: the subject, the name claims and the email.
+bool microsoftUserinfoClaim(std::string const &claim) {
+    for (char const *known : {"sub", "name", "family_name", "given_name", "picture", "email"}) {
+        if (claim == known) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 std::vector<std::string> fileWarnings(std::string const &path) {
@@ -119,6 +129,13 @@ std::vector<std::string> entryWarnings(ProviderReport const &entry) {
             "logins fail after a user's first: google sends a refresh token only when the user "
             "consents, and the library fails every login whose answer has none; set "
             "\"qx_prompt_type\": \"consent\"");
+    }
+    if (entry.provider == "microsoft" && !entry.userName.empty() &&
+        !microsoftUserinfoClaim(entry.userName)) {
+        warnings.push_back("every login fails: microsoft's userinfo answer holds only sub, the "
+                           "name claims and email, never '" + entry.userName +
+                           "', and qx_user_name admits no other claim; set \"qx_user_name\": "
+                           "\"email\" or leave it out");
     }
     return warnings;
 }
