@@ -14,6 +14,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -225,6 +227,40 @@ TEST_F(CheckToolTest, OfflineChecksProxyNamesForFormOnly) {
     EXPECT_TRUE(holds(problemLines(parsed(refused.out)["problems"]),
                       "SsoServer: ERROR! Proxy validation failed."))
         << refused.out;
+}
+
+// The entries that docs/configuration.md gives for the real providers: valid, and free of every
+// warning (the documented rules are the ones the checker knows).
+TEST_F(CheckToolTest, TheDocumentedProviderEntriesPassEveryRule) {
+    std::string source = __FILE__;
+    std::string docs = source.substr(0, source.rfind("/tests/tools/")) + "/docs/configuration.md";
+    std::ifstream in(docs);
+    ASSERT_TRUE(in) << docs;
+    std::stringstream text;
+    text << in.rdbuf();
+    std::string page = text.str();
+    size_t at = page.find("## Providers");
+    ASSERT_NE(at, std::string::npos);
+    std::string file = "[";
+    int blocks = 0;
+    for (at = page.find("```json\n", at); at != std::string::npos;
+         at = page.find("```json\n", at)) {
+        at += 8;
+        size_t end = page.find("```", at);
+        file += (blocks++ ? "," : "") + page.substr(at, end - at);
+        at = end;
+    }
+    file += "]";
+    ASSERT_EQ(blocks, 4);
+    ToolRun run = runCheck({"--offline", "--json", write("documented.cfg", file)});
+    EXPECT_EQ(run.status, 0) << run.out;
+    Json::Value report = parsed(run.out);
+    std::vector<std::string> providers;
+    for (auto const &provider : report["providers"]) {
+        providers.push_back(provider["provider"].asString());
+        EXPECT_EQ(provider["warnings"].size(), 0u) << run.out;
+    }
+    EXPECT_EQ(providers, (std::vector<std::string>{"microsoft", "okta", "google", "keycloak"}));
 }
 
 }  // namespace
