@@ -187,6 +187,8 @@ TEST_F(CheckLoginTest, AnEmptyRevocationAnswerFailsTheLoginAndSaysWhy) {
                       .size(),
                   1u)
             << run.out;
+        EXPECT_TRUE(has(run.out, "  local user name: 'alice' (the login failed after it)\n"))
+            << run.out;
         EXPECT_TRUE(has(run.out, "  SsoServer: ERROR! Tokens revocation failed.\n")) << run.out;
         EXPECT_TRUE(has(run.out, "hint: the provider answered the revocation with an empty 200, "
                                  "which the library counts as a failed revocation; set "

@@ -439,6 +439,15 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
               verifyReply.compare(verifyReply.size() - sessionEnd.size(), sessionEnd.size(),
                                   sessionEnd) == 0;
     if (!ok) {
+        // The library had the user's name before the step that failed, when it got that far.
+        static std::string const finalUser = "SsoServer: Final user is: '";
+        for (std::string const &statement : statements) {
+            if (statement.compare(0, finalUser.size(), finalUser) == 0) {
+                std::string name = statement.substr(finalUser.size());
+                report.line("  local user name: '" + name.substr(0, name.rfind("'.")) +
+                            "' (the login failed after it)");
+            }
+        }
         report.blank();
         printProblems(report, statements);
         ProviderCall const *token = lastCall(made, "token", *record);
