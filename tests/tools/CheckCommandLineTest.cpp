@@ -1,7 +1,6 @@
 // qxss-check's command line: which file it reads, usage errors, help, the verbose log.
 #include "tests/tools/ToolRun.h"
 
-
 #include <gtest/gtest.h>
 #include <json/value.h>
 

@@ -98,8 +98,8 @@ protected:
     }
 
     // A provider that answers the token request with `tokens` and userinfo with `claims`.
-    std::string scripted(FailureServer &idp, std::string const &provider,
-                         std::string const &tokens, std::string const &claims) {
+    std::string scripted(FailureServer &idp, std::string const &provider, std::string const &tokens,
+                         std::string const &claims) {
         idp.on("/.well-known/openid-configuration", 200,
                R"({"issuer":")" + idp.url() + R"(","authorization_endpoint":")" + idp.url("/auth") +
                    R"(","token_endpoint":")" + idp.url("/token") + R"(","userinfo_endpoint":")" +
@@ -122,20 +122,22 @@ TEST_F(CheckLoginTest, FlowRoadLogsInAndKeepsTheRefreshRecord) {
     EXPECT_TRUE(has(out, "Login option ID 0: provider 'keycloak', record of ID 0, qx_refresh on\n"))
         << out;
     EXPECT_TRUE(has(out, "state: the one this login sent\n")) << out;
-    EXPECT_TRUE(has(out, "SSO_VERIFY on the background flow:\n  token: POST " + base +
-                             "/token -> 200 in "))
+    EXPECT_TRUE(
+        has(out, "SSO_VERIFY on the background flow:\n  token: POST " + base + "/token -> 200 in "))
         << out;
     EXPECT_EQ(linesStartingWith(out, "  userinfo: GET " + base + "/me -> 200 in ").size(), 1u);
     EXPECT_TRUE(linesStartingWith(out, "  revocation: ").empty());
     EXPECT_TRUE(has(out, "Userinfo claims:\n")) << out;
     EXPECT_TRUE(has(out, "  email: alice@example.com\n")) << out;
-    EXPECT_TRUE(has(out, "User name:\n  no qx_user_name: the claim 'email' counts (the default "
-                         "of every provider)\n  email is 'alice@example.com'\n  qx_user_type "
-                         "'local': the name is cut before its first '@'\n  local user name: "
-                         "'alice'\n"))
+    EXPECT_TRUE(has(out,
+                    "User name:\n  no qx_user_name: the claim 'email' counts (the default "
+                    "of every provider)\n  email is 'alice@example.com'\n  qx_user_type "
+                    "'local': the name is cut before its first '@'\n  local user name: "
+                    "'alice'\n"))
         << out;
-    EXPECT_TRUE(has(out, "Refresh: the library keeps a refresh record under the session value; "
-                         "SSO_REFRESH with it works for 3600 s\n"))
+    EXPECT_TRUE(has(out,
+                    "Refresh: the library keeps a refresh record under the session value; "
+                    "SSO_REFRESH with it works for 3600 s\n"))
         << out;
     std::vector<std::string> token = linesStartingWith(out, "User token: alice|");
     ASSERT_EQ(token.size(), 1u) << out;
@@ -154,19 +156,17 @@ TEST_F(CheckLoginTest, ShowSecretsShowsTheSessionValue) {
 }
 
 TEST_F(CheckLoginTest, BlockingRoadLogsInToo) {
-    ToolRun run =
-        runCheck({"--login", "0", "--road", "blocking", file("okta", true)}, signIn());
+    ToolRun run = runCheck({"--login", "0", "--road", "blocking", file("okta", true)}, signIn());
     ASSERT_EQ(run.status, 0) << run.out << run.err;
-    EXPECT_TRUE(has(run.out, "SSO_VERIFY on the blocking road:\n  token: POST " + base +
-                                 "/token -> 200 in "))
+    EXPECT_TRUE(has(
+        run.out, "SSO_VERIFY on the blocking road:\n  token: POST " + base + "/token -> 200 in "))
         << run.out;
     EXPECT_TRUE(has(run.out, "Result: Logged in: a host's SSO_VERIFY gets the user 'alice'.\n"));
 }
 
 TEST_F(CheckLoginTest, TheCodeAloneIsTakenWithoutAStateCheck) {
-    ToolRun run = runCheck({"--login", "0", file("keycloak", true)}, signIn([](std::string const &l) {
-                               return queryValue(l, "code");
-                           }));
+    ToolRun run = runCheck({"--login", "0", file("keycloak", true)},
+                           signIn([](std::string const &l) { return queryValue(l, "code"); }));
     ASSERT_EQ(run.status, 0) << run.out << run.err;
     EXPECT_TRUE(has(run.out, "state: not checked (the code was given alone)\n")) << run.out;
 }
@@ -177,25 +177,28 @@ TEST_F(CheckLoginTest, AnEmptyRevocationAnswerFailsTheLoginAndSaysWhy) {
         SCOPED_TRACE(road);
         ToolRun run = runCheck({"--login", "0", "--road", road, path}, signIn());
         EXPECT_EQ(run.status, 1) << run.out << run.err;
-        EXPECT_TRUE(has(run.out, "warning: every login fails: with qx_refresh off the library "
-                                 "revokes the refresh token, and keycloak answers a successful "
-                                 "revocation with an empty 200, which the library counts as a "
-                                 "failed revocation; set \"qx_refresh\": true\n"))
+        EXPECT_TRUE(has(run.out,
+                        "warning: every login fails: with qx_refresh off the library "
+                        "revokes the refresh token, and keycloak answers a successful "
+                        "revocation with an empty 200, which the library counts as a "
+                        "failed revocation; set \"qx_refresh\": true\n"))
             << run.out;
-        EXPECT_EQ(linesStartingWith(run.out, "  revocation: POST " + base +
-                                                 "/token/revocation -> 200 in ")
+        EXPECT_EQ(linesStartingWith(run.out,
+                                    "  revocation: POST " + base + "/token/revocation -> 200 in ")
                       .size(),
                   1u)
             << run.out;
         EXPECT_TRUE(has(run.out, "  local user name: 'alice' (the login failed after it)\n"))
             << run.out;
         EXPECT_TRUE(has(run.out, "  SsoServer: ERROR! Tokens revocation failed.\n")) << run.out;
-        EXPECT_TRUE(has(run.out, "hint: the provider answered the revocation with an empty 200, "
-                                 "which the library counts as a failed revocation; set "
-                                 "\"qx_refresh\": true for this entry\n"))
+        EXPECT_TRUE(has(run.out,
+                        "hint: the provider answered the revocation with an empty 200, "
+                        "which the library counts as a failed revocation; set "
+                        "\"qx_refresh\": true for this entry\n"))
             << run.out;
-        EXPECT_TRUE(has(run.out, "\nResult: Not logged in: SSO_VERIFY was answered "
-                                 "SSO_VERIFY_FAILURE.\n"))
+        EXPECT_TRUE(has(run.out,
+                        "\nResult: Not logged in: SSO_VERIFY was answered "
+                        "SSO_VERIFY_FAILURE.\n"))
             << run.out;
     }
 }
@@ -213,9 +216,10 @@ TEST_F(CheckLoginTest, MicrosoftIsNotRevoked) {
     ToolRun run = runCheck({"--login", "0", file("microsoft", false)}, signIn());
     ASSERT_EQ(run.status, 0) << run.out << run.err;
     EXPECT_TRUE(linesStartingWith(run.out, "  revocation: ").empty()) << run.out;
-    EXPECT_TRUE(has(run.out, "Revocation: none: the library does not revoke at microsoft; the "
-                             "refresh token stays valid at the provider until it expires "
-                             "there\n"))
+    EXPECT_TRUE(has(run.out,
+                    "Revocation: none: the library does not revoke at microsoft; the "
+                    "refresh token stays valid at the provider until it expires "
+                    "there\n"))
         << run.out;
 }
 
@@ -298,8 +302,9 @@ TEST_F(CheckLoginTest, NoRefreshTokenNamesTheSettingForGoogle) {
                                type("http://127.0.0.1:18080/cb?code=c0de&state=<state>"));
         EXPECT_EQ(run.status, 1) << run.out << run.err;
         EXPECT_TRUE(has(run.out, row.hint)) << run.out;
-        EXPECT_TRUE(has(run.out, "\nResult: Not logged in: SSO_VERIFY was answered "
-                                 "SSO_VERIFY_FAILURE.\n"))
+        EXPECT_TRUE(has(run.out,
+                        "\nResult: Not logged in: SSO_VERIFY was answered "
+                        "SSO_VERIFY_FAILURE.\n"))
             << run.out;
     }
 }
@@ -325,8 +330,9 @@ TEST_F(CheckLoginTest, ClaimsAreShownWithTheirControlCharactersEscaped) {
     ASSERT_EQ(run.status, 0) << run.out << run.err;
     EXPECT_TRUE(has(run.out, "  name: Bob\\x1b[2J\\r\\nResult: Logged in\n")) << run.out;
     EXPECT_TRUE(has(run.out, "  groups: [\"a\"]\n")) << run.out;
-    EXPECT_TRUE(has(run.out, "  no qx_user_name: the claim 'email' counts (the answer has no "
-                             "'preferred_username')\n"))
+    EXPECT_TRUE(has(run.out,
+                    "  no qx_user_name: the claim 'email' counts (the answer has no "
+                    "'preferred_username')\n"))
         << run.out;
     EXPECT_EQ(linesStartingWith(run.out, "Result: ").size(), 1u) << run.out;
     EXPECT_TRUE(has(run.out, "Result: Logged in: a host's SSO_VERIFY gets the user 'bob'.\n"));

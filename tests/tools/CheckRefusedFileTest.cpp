@@ -1,7 +1,6 @@
 // qxss-check on files the library refuses: it reports exactly the statements the library logs.
 #include "tests/tools/ToolRun.h"
 
-
 #include <gtest/gtest.h>
 #include <json/value.h>
 

@@ -46,8 +46,10 @@ TEST_F(CheckToolTest, FileReadableByOthersIsWarnedAbout) {
     EXPECT_EQ(parsed(quiet.out)["warnings"].size(), 0u) << quiet.out;
 
     ASSERT_EQ(chmod(path.c_str(), 0644), 0);
-    std::string expected = "the file is readable or writable by group or others (mode 0644), and "
-                           "it holds client secrets: chmod 600 " + path;
+    std::string expected =
+        "the file is readable or writable by group or others (mode 0644), and "
+        "it holds client secrets: chmod 600 " +
+        path;
     ToolRun json = runCheck({"--offline", "--json", path});
     EXPECT_EQ(json.status, 0);
     EXPECT_EQ(warningsOf(parsed(json.out)["warnings"]), std::vector<std::string>{expected});
@@ -69,7 +71,8 @@ TEST_F(CheckToolTest, FileNotOwnedByRootIsWarnedAbout) {
     EXPECT_EQ(warningsOf(parsed(run.out)["warnings"]),
               std::vector<std::string>{"the file is owned by uid 65534, not by root: its owner "
                                        "can change which providers the library trusts (chown "
-                                       "root " + path + ")"});
+                                       "root " +
+                                       path + ")"});
 }
 
 TEST_F(CheckToolTest, DirectoryWritableByOthersIsWarnedAbout) {
@@ -79,9 +82,11 @@ TEST_F(CheckToolTest, DirectoryWritableByOthersIsWarnedAbout) {
     chmod(dir.c_str(), 0700);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(warningsOf(parsed(run.out)["warnings"]),
-              std::vector<std::string>{"the directory " + dir + " is writable by others (mode "
+              std::vector<std::string>{"the directory " + dir +
+                                       " is writable by others (mode "
                                        "0777): anyone can put another file in its place (chmod "
-                                       "o-w " + dir + ")"});
+                                       "o-w " +
+                                       dir + ")"});
 }
 
 TEST_F(CheckToolTest, PlainHttpAddressesAreWarnedAbout) {
@@ -91,8 +96,9 @@ TEST_F(CheckToolTest, PlainHttpAddressesAreWarnedAbout) {
     ToolRun run = runCheck({"--json", write("http.cfg", {entry("Corp", "microsoft", base)})});
     EXPECT_EQ(run.status, 0) << run.out;
     std::vector<std::string> expected = {
-        "idp_domain " + base + " is http://: discovery travels unencrypted, so anyone on the "
-                               "way can give the library other endpoints",
+        "idp_domain " + base +
+            " is http://: discovery travels unencrypted, so anyone on the "
+            "way can give the library other endpoints",
         "redirect URI http://127.0.0.1:18080/cb is http://: the authorization code travels to "
         "it unencrypted",
     };
@@ -107,7 +113,8 @@ TEST_F(CheckToolTest, PlainHttpAddressesAreWarnedAbout) {
     // The issuer of microsoft's document is the idp_domain with "/v2.0": no warning for it.
     EXPECT_EQ(warningsOf(parsed(run.out)["providers"][0]["warnings"]), expected);
 
-    ToolRun https = runCheck({"--offline", "--json", write("https.cfg", {offlineEntry("microsoft")})});
+    ToolRun https =
+        runCheck({"--offline", "--json", write("https.cfg", {offlineEntry("microsoft")})});
     EXPECT_EQ(parsed(https.out)["providers"][0]["warnings"].size(), 0u) << https.out;
 }
 
@@ -155,7 +162,9 @@ TEST_F(CheckToolTest, ProviderRulesThatFailEveryLoginNameTheirSetting) {
     Json::Value providers = parsed(run.out)["providers"];
     auto revocation = [](std::string const &provider) {
         return "every login fails: with qx_refresh off the library revokes the refresh token, "
-               "and " + provider + " answers a successful revocation with an empty 200, which "
+               "and " +
+               provider +
+               " answers a successful revocation with an empty 200, which "
                "the library counts as a failed revocation; set \"qx_refresh\": true";
     };
     std::string consent =

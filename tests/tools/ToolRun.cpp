@@ -168,8 +168,8 @@ std::vector<std::string> linesStartingWith(std::string const &text, std::string 
     size_t start = 0;
     while (start < text.size()) {
         size_t end = text.find('\n', start);
-        std::string line = text.substr(start, end == std::string::npos ? std::string::npos
-                                                                       : end - start);
+        std::string line =
+            text.substr(start, end == std::string::npos ? std::string::npos : end - start);
         if (line.compare(0, prefix.size(), prefix) == 0) {
             lines.push_back(line);
         }

@@ -16,8 +16,8 @@ CheckOptions parseCheckOptions(std::vector<std::string> const &arguments) {
     };
     for (size_t at = 0; at < arguments.size(); ++at) {
         std::string const &argument = arguments[at];
-        if (!optionsEnded && (argument == "--login" || argument == "--road" ||
-                              argument == "--timeout")) {
+        if (!optionsEnded &&
+            (argument == "--login" || argument == "--road" || argument == "--timeout")) {
             if (at + 1 >= arguments.size()) {
                 return refuse("option '" + argument + "' needs a value");
             }

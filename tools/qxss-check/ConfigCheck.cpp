@@ -183,7 +183,7 @@ std::string proxyHost(std::string const &proxy) {
     start = start == std::string::npos ? 0 : start + 3;
     size_t colon = proxy.rfind(':');
     return colon == std::string::npos || colon < start ? proxy.substr(start)
-                                                        : proxy.substr(start, colon - start);
+                                                       : proxy.substr(start, colon - start);
 }
 
 void check(std::string const &given, bool offline, LogCollector &log, CheckReport &report) {

@@ -55,21 +55,21 @@ std::vector<std::string> fileWarnings(std::string const &path) {
     }
     if ((info.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         warnings.push_back("the file is readable or writable by group or others (mode " +
-                           octal(info.st_mode) +
-                           "), and it holds client secrets: chmod 600 " + path);
+                           octal(info.st_mode) + "), and it holds client secrets: chmod 600 " +
+                           path);
     }
     if (info.st_uid != 0) {
         warnings.push_back("the file is owned by uid " + std::to_string(info.st_uid) +
                            ", not by root: its owner can change which providers the library "
-                           "trusts (chown root " + path + ")");
+                           "trusts (chown root " +
+                           path + ")");
     }
     std::string directory = directoryOf(path);
     struct stat folder;
     if (::stat(directory.c_str(), &folder) == 0 && (folder.st_mode & S_IWOTH) != 0) {
-        warnings.push_back("the directory " + directory + " is writable by others (mode " +
-                           octal(folder.st_mode) +
-                           "): anyone can put another file in its place (chmod o-w " +
-                           directory + ")");
+        warnings.push_back(
+            "the directory " + directory + " is writable by others (mode " + octal(folder.st_mode) +
+            "): anyone can put another file in its place (chmod o-w " + directory + ")");
     }
     return warnings;
 }
@@ -110,9 +110,8 @@ std::vector<std::string> entryWarnings(ProviderReport const &entry) {
         bool microsoft = entry.provider == "microsoft";
         std::string expected = entry.idpDomain + (microsoft ? "/v2.0" : "");
         if (!entry.issuer.empty() && entry.issuer != expected) {
-            warnings.push_back("the discovered issuer '" + entry.issuer + "' is not '" +
-                               expected + "', the idp_domain" +
-                               (microsoft ? " with \"/v2.0\"" : "") +
+            warnings.push_back("the discovered issuer '" + entry.issuer + "' is not '" + expected +
+                               "', the idp_domain" + (microsoft ? " with \"/v2.0\"" : "") +
                                " it was fetched from: the document may describe another "
                                "provider");
         }
@@ -132,10 +131,12 @@ std::vector<std::string> entryWarnings(ProviderReport const &entry) {
     }
     if (entry.provider == "microsoft" && !entry.userName.empty() &&
         !microsoftUserinfoClaim(entry.userName)) {
-        warnings.push_back("every login fails: microsoft's userinfo answer holds only sub, the "
-                           "name claims and email, never '" + entry.userName +
-                           "', and qx_user_name admits no other claim; set \"qx_user_name\": "
-                           "\"email\" or leave it out");
+        warnings.push_back(
+            "every login fails: microsoft's userinfo answer holds only sub, the "
+            "name claims and email, never '" +
+            entry.userName +
+            "', and qx_user_name admits no other claim; set \"qx_user_name\": "
+            "\"email\" or leave it out");
     }
     return warnings;
 }

@@ -142,7 +142,8 @@ Callback readCallback(std::string text) {
     size_t at = 0;
     while (at <= query.size()) {
         size_t amp = query.find('&', at);
-        std::string pair = query.substr(at, amp == std::string::npos ? std::string::npos : amp - at);
+        std::string pair =
+            query.substr(at, amp == std::string::npos ? std::string::npos : amp - at);
         size_t equals = pair.find('=');
         std::string key = decoded(pair.substr(0, equals));
         std::string value = equals == std::string::npos ? "" : pair.substr(equals + 1);
@@ -188,13 +189,13 @@ void printCalls(LoginReport &report, std::vector<ProviderCall> const &calls,
         char ms[32];
         std::snprintf(ms, sizeof ms, "%.1f ms", call.ms);
         std::string role = record ? roleOf(call, *record) : "discovery";
-        std::string outcome = call.error.empty()
-                                  ? std::to_string(call.status) + " in " + ms
-                                  : "no answer (" + call.error + ") after " + ms;
+        std::string outcome = call.error.empty() ? std::to_string(call.status) + " in " + ms
+                                                 : "no answer (" + call.error + ") after " + ms;
         report.line("  " + role + ": " + call.method + " " + call.url + " -> " + outcome);
         // A refused call's answer says why; a good one may hold tokens and is not shown.
         if (call.error.empty() && (call.status < 200 || call.status > 299)) {
-            std::string body = call.body.size() > 300 ? call.body.substr(0, 300) + "..." : call.body;
+            std::string body =
+                call.body.size() > 300 ? call.body.substr(0, 300) + "..." : call.body;
             report.line("    answer: " + (body.empty() ? std::string("(empty)") : body));
         }
     }
@@ -220,8 +221,9 @@ void explainUserName(LoginReport &report, SsoServerConfigOAuth const &record,
         report.line("  qx_user_name is '" + claim + "': that claim alone counts");
     } else if (record.provider == "okta" && claims.isMember("preferred_username")) {
         claim = "preferred_username";
-        report.line("  no qx_user_name, and the provider keyword is 'okta': the claim "
-                    "'preferred_username' counts");
+        report.line(
+            "  no qx_user_name, and the provider keyword is 'okta': the claim "
+            "'preferred_username' counts");
     } else {
         claim = "email";
         report.line(std::string("  no qx_user_name: the claim 'email' counts") +
@@ -232,8 +234,8 @@ void explainUserName(LoginReport &report, SsoServerConfigOAuth const &record,
         report.line("  the userinfo answer has no claim '" + claim + "'");
         return;
     }
-    std::string value = claims[claim].isString() ? claims[claim].asString()
-                                                 : compactJson(claims[claim]);
+    std::string value =
+        claims[claim].isString() ? claims[claim].asString() : compactJson(claims[claim]);
     report.line("  " + claim + " is '" + value + "'");
     if (record.userType == "local") {
         report.line("  qx_user_type 'local': the name is cut before its first '@'");
@@ -399,13 +401,15 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
     std::string verifyReply;
     bool fellBack = false;
     if (options.blockingRoad) {
-        std::unique_ptr<char[]> token(SsoActions::verifyLogin(callback.code.c_str(), session.c_str()));
+        std::unique_ptr<char[]> token(
+            SsoActions::verifyLogin(callback.code.c_str(), session.c_str()));
         verifyReply = token ? "SSO_VERIFY_OK|" + std::string(token.get()) + "|" + session
                             : "SSO_VERIFY_FAILURE|" + session;
     } else {
         std::unique_ptr<char[]> at(SsoCommands::execute({"SSO_VERIFY", callback.code, session}));
         fellBack = at != nullptr;
-        verifyReply = withoutLineEnd(at ? std::string(at.get()) : awaitReply(options.timeoutSeconds));
+        verifyReply =
+            withoutLineEnd(at ? std::string(at.get()) : awaitReply(options.timeoutSeconds));
     }
     std::vector<std::string> statements = log.since(mark);
     std::vector<ProviderCall> made = ProviderCalls::since(calls);
@@ -423,9 +427,9 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
         report.blank();
         report.line("Userinfo claims:");
         for (std::string const &name : claims.getMemberNames()) {
-            report.line("  " + name + ": " +
-                        (claims[name].isString() ? claims[name].asString()
-                                                 : compactJson(claims[name])));
+            report.line(
+                "  " + name + ": " +
+                (claims[name].isString() ? claims[name].asString() : compactJson(claims[name])));
         }
         report.blank();
         report.line("User name:");
@@ -473,12 +477,13 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
             return report.fail("SSO_VERIFY got no reply within " +
                                std::to_string(options.timeoutSeconds) + " s");
         }
-        return report.fail("SSO_VERIFY was answered " + verifyReply.substr(0, verifyReply.find('|')));
+        return report.fail("SSO_VERIFY was answered " +
+                           verifyReply.substr(0, verifyReply.find('|')));
     }
 
     // "<user>|<session value>|<expiry>": the user name may hold "|", so from the right.
-    std::string token = verifyReply.substr(okWord.size(),
-                                           verifyReply.size() - okWord.size() - sessionEnd.size());
+    std::string token =
+        verifyReply.substr(okWord.size(), verifyReply.size() - okWord.size() - sessionEnd.size());
     size_t expiryBar = token.rfind('|');
     size_t valueBar = expiryBar == std::string::npos || expiryBar == 0
                           ? std::string::npos
@@ -487,7 +492,8 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
     std::string value = valueBar == std::string::npos
                             ? std::string()
                             : token.substr(valueBar + 1, expiryBar - valueBar - 1);
-    std::string expiry = expiryBar == std::string::npos ? std::string() : token.substr(expiryBar + 1);
+    std::string expiry =
+        expiryBar == std::string::npos ? std::string() : token.substr(expiryBar + 1);
     report.line("  local user name: '" + user + "'");
 
     report.blank();
@@ -499,8 +505,9 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
                                std::to_string(lifetime) + " s"
                          : "Refresh: no refresh record was kept");
     } else if (record->provider == "microsoft") {
-        report.line("Revocation: none: the library does not revoke at microsoft; the refresh "
-                    "token stays valid at the provider until it expires there");
+        report.line(
+            "Revocation: none: the library does not revoke at microsoft; the refresh "
+            "token stays valid at the provider until it expires there");
     } else {
         ProviderCall const *revocation = lastCall(made, "revocation", *record);
         report.line(revocation ? "Revocation: the refresh token was revoked at the provider (" +

@@ -109,8 +109,8 @@ CURLcode __wrap_curl_easy_setopt(CURL *handle, CURLoption option, ...) {
             tap.function = reinterpret_cast<WriteFunction>(value);
             result = __real_curl_easy_setopt(handle, option, &tee);
             if (result == CURLE_OK) {
-                result = __real_curl_easy_setopt(handle, CURLOPT_WRITEDATA,
-                                                 static_cast<void *>(&tap));
+                result =
+                    __real_curl_easy_setopt(handle, CURLOPT_WRITEDATA, static_cast<void *>(&tap));
             }
         } else {
             result = __real_curl_easy_setopt(handle, option, value);
