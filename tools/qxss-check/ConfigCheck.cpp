@@ -35,14 +35,6 @@ std::string baseName(std::string const &path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-std::string directoryOf(std::string const &path) {
-    size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 void addProblems(std::vector<LoggedProblem> &to, std::vector<std::string> const &statements) {
     for (LoggedProblem &problem : problemsIn(statements)) {
         to.push_back(std::move(problem));
@@ -354,6 +346,14 @@ void describeRecord(SsoServerConfigOAuth const &record, ProviderReport &report) 
     report.provider = record.provider;
     copyRecord(record, report);
     copyEndpoints(record, report);
+}
+
+std::string directoryOf(std::string const &path) {
+    size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 ConfigPlace::~ConfigPlace() {

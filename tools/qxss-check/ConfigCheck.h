@@ -65,6 +65,9 @@ class SsoServerConfigOAuth;
 std::string authorizationUrlFrom(std::string const &clientConfig, std::string const &session,
                                  std::string const &state, std::string const &nonce);
 
+// The directory part of `path`: "." for a bare name, "/" for a file in the root.
+std::string directoryOf(std::string const &path);
+
 // Fills the settings and endpoints of `report` from a provider record.
 void describeRecord(SsoServerConfigOAuth const &record, ProviderReport &report);
 

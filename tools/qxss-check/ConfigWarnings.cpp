@@ -21,14 +21,6 @@ std::string octal(mode_t mode) {
     return text;
 }
 
-std::string directoryOf(std::string const &path) {
-    size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 // Providers that answer a successful revocation with an empty 200 (RFC 7009 allows it), which
 // the library counts as a failed revocation.
 bool revokesWithEmptyAnswer(std::string const &provider) {
