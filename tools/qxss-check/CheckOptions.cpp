@@ -7,7 +7,44 @@ CheckOptions parseCheckOptions(std::vector<std::string> const &arguments) {
     CheckOptions options;
     std::vector<std::string> files;
     bool optionsEnded = false;
-    for (std::string const &argument : arguments) {
+    bool roadGiven = false;
+    bool timeoutGiven = false;
+    auto refuse = [&options](std::string const &why) {
+        options.action = CheckOptions::Action::UsageError;
+        options.error = why;
+        return options;
+    };
+    for (size_t at = 0; at < arguments.size(); ++at) {
+        std::string const &argument = arguments[at];
+        if (!optionsEnded &&
+            (argument == "--login" || argument == "--road" || argument == "--timeout")) {
+            if (at + 1 >= arguments.size()) {
+                return refuse("option '" + argument + "' needs a value");
+            }
+            std::string const &value = arguments[++at];
+            bool digits =
+                !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+            if (argument == "--timeout") {
+                if (!digits || value.size() > 4 || std::stoi(value) < 1) {
+                    return refuse("--timeout takes seconds (1 to 9999), not '" + value + "'");
+                }
+                options.timeoutSeconds = std::stoi(value);
+                timeoutGiven = true;
+            } else if (argument == "--road") {
+                if (value != "flow" && value != "blocking") {
+                    return refuse("--road takes 'flow' or 'blocking', not '" + value + "'");
+                }
+                options.blockingRoad = value == "blocking";
+                roadGiven = true;
+            } else {
+                if (!digits) {
+                    return refuse("--login takes a login option ID (digits), not '" + value + "'");
+                }
+                options.loginId = value;
+                options.action = CheckOptions::Action::Login;
+            }
+            continue;
+        }
         if (optionsEnded || argument.empty() || argument[0] != '-' || argument == "-") {
             files.push_back(argument);
         } else if (argument == "--") {
@@ -24,11 +61,24 @@ CheckOptions parseCheckOptions(std::vector<std::string> const &arguments) {
             options.json = true;
         } else if (argument == "--verbose" || argument == "-v") {
             options.verbose = true;
+        } else if (argument == "--show-secrets") {
+            options.showSecrets = true;
         } else {
             options.action = CheckOptions::Action::UsageError;
             options.error = "unknown option '" + argument + "'";
             return options;
         }
+    }
+    if (options.action == CheckOptions::Action::Login && (options.offline || options.json)) {
+        return refuse(std::string(options.offline ? "--offline" : "--json") +
+                      " does not go with --login");
+    }
+    if (options.action != CheckOptions::Action::Login &&
+        (roadGiven || timeoutGiven || options.showSecrets)) {
+        return refuse(std::string(roadGiven      ? "--road"
+                                  : timeoutGiven ? "--timeout"
+                                                 : "--show-secrets") +
+                      " goes with --login only");
     }
     if (files.size() > 1) {
         options.action = CheckOptions::Action::UsageError;
@@ -46,6 +96,8 @@ CheckOptions parseCheckOptions(std::vector<std::string> const &arguments) {
 
 char const *checkHelpText() {
     return R"(Usage: qxss-check [--offline] [--json] [--verbose] [FILE]
+       qxss-check --login ID [--road flow|blocking] [--timeout SECONDS] [--show-secrets]
+                  [--verbose] [FILE]
 
 Checks a libqxss configuration file with the library's own loading code and tells
 whether the library would load it.
@@ -64,20 +116,40 @@ The library stops at the first provider whose discovery fails; the checker tries
 provider and reports each.
 
 For each provider it prints the ID, name, kind, endpoints, proxy and authorization URL;
-for every problem, the log statement that the library writes for it.
+for every problem, the log statement that the library writes for it; and warnings of its
+own (they do not change the exit status): a file that group or others may read or write,
+that root does not own or that stands in a directory others may write; http:// addresses;
+a discovered issuer that is not the idp_domain; and the rules of the real providers that
+fail every login of an entry, with the setting that fixes it.
+
+--login ID signs one user in from the terminal through the entry with that login option
+ID, with the library's own code, as a host's SSO_GET_CONFIG and SSO_VERIFY would: it
+prints the authorization URL (fresh state and nonce), reads the address the browser was
+sent back to (or the code alone) from standard input, checks the state, completes the
+login, and prints each provider call with its status and time, the userinfo claims, how
+the user name was chosen, and the user token a host would get. It exits 0 when the user
+is logged in, 1 otherwise.
 
 Options:
   --offline    no network: validate the file only
   --json       print the report as one JSON document on standard output
   --verbose    also print the library's whole log on standard error (it shows client
                secrets in the clear)
+  --login ID   sign a user in through the entry with login option ID (see above)
+  --road flow|blocking
+               with --login: the road of SSO_VERIFY, the background flow (default) or
+               the blocking road the worker falls back to
+  --timeout SECONDS
+               with --login: how long to wait for the reply to SSO_VERIFY (default 60)
+  --show-secrets
+               with --login: print the session value of the user token unmasked
   --help       print this help
   --version    print the version
 
 Exit status:
-  0  the library would load the file
-  1  it would not (the file is missing or unreadable, an entry is invalid, or discovery
-     failed for a provider)
+  0  the library would load the file (with --login: the user is logged in)
+  1  it would not: the file is missing or unreadable, an entry is invalid, or discovery
+     failed for a provider (with --login: the user is not logged in)
   2  usage error
 
 See qxss-check(1) and sso.cfg(5).

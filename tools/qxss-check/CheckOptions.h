@@ -5,7 +5,7 @@
 
 // The command line of qxss-check.
 struct CheckOptions {
-    enum class Action { Check, Help, Version, UsageError };
+    enum class Action { Check, Login, Help, Version, UsageError };
 
     Action action = Action::Check;
     // The file to check: the argument, or the production file when none is given.
@@ -13,6 +13,11 @@ struct CheckOptions {
     bool offline = false;  // --offline: no discovery, no authorization URLs
     bool json = false;     // --json: one JSON document on standard output
     bool verbose = false;  // --verbose: the library's whole log on standard error
+    // --login ID: sign one user in through the entry whose login option ID is `loginId`.
+    std::string loginId;
+    bool blockingRoad = false;  // --road blocking (default: --road flow)
+    bool showSecrets = false;   // --show-secrets: the session value unmasked
+    int timeoutSeconds = 60;    // --timeout: how long --login waits for the reply to SSO_VERIFY
     // For UsageError: what was wrong, one line.
     std::string error;
 };

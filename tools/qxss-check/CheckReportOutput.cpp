@@ -1,5 +1,7 @@
 #include "tools/qxss-check/CheckReportOutput.h"
 
+#include "tools/qxss-check/TextEscape.h"
+
 #include <json/value.h>
 #include <json/writer.h>
 
@@ -28,7 +30,7 @@ std::string orNone(std::string const &text, char const *none = "(none)") {
 void field(std::ostringstream &out, char const *label, std::string const &value) {
     std::string padded = std::string("  ") + label + ":";
     padded.resize(22, ' ');
-    out << padded << value << "\n";
+    out << padded << escapeControls(value) << "\n";
 }
 
 void problemLines(std::ostringstream &out, std::vector<LoggedProblem> const &problems,
@@ -36,23 +38,29 @@ void problemLines(std::ostringstream &out, std::vector<LoggedProblem> const &pro
     for (LoggedProblem const &problem : problems) {
         // A statement may span lines (a parser's message); keep its lines under one another.
         out << indent;
-        for (char c : problem.line) {
-            out << c;
-            if (c == '\n') {
-                out << indent << "  ";
-            }
+        size_t start = 0;
+        for (size_t end = problem.line.find('\n'); end != std::string::npos;
+             end = problem.line.find('\n', start)) {
+            out << escapeControls(problem.line.substr(start, end - start)) << "\n"
+                << indent << "  ";
+            start = end + 1;
         }
-        out << "\n";
+        out << escapeControls(problem.line.substr(start)) << "\n";
+    }
+}
+
+void remarks(std::ostringstream &out, char const *word, std::vector<std::string> const &lines,
+             char const *indent) {
+    for (std::string const &line : lines) {
+        out << indent << word << ": " << escapeControls(line) << "\n";
     }
 }
 
 void providerText(std::ostringstream &out, ProviderReport const &provider) {
-    out << "ID " << provider.id << ": " << provider.name << "\n";
+    out << "ID " << provider.id << ": " << escapeControls(provider.name) << "\n";
     field(out, "description", provider.desc);
     field(out, "kind", provider.type + ", " + provider.provider);
-    for (std::string const &note : provider.notes) {
-        out << "  note: " << note << "\n";
-    }
+    remarks(out, "note", provider.notes, "  ");
     if (provider.served) {
         field(out, "idp_domain", provider.idpDomain);
         field(out, "client_id", provider.clientId);
@@ -97,6 +105,7 @@ void providerText(std::ostringstream &out, ProviderReport const &provider) {
             field(out, "authorization URL", provider.authorizationUrl);
         }
     }
+    remarks(out, "warning", provider.warnings, "  ");
     if (!provider.problems.empty()) {
         out << "  problems:\n";
         problemLines(out, provider.problems, "    ");
@@ -111,6 +120,14 @@ Json::Value problemsJson(std::vector<LoggedProblem> const &problems) {
         item["level"] = problem.error ? "error" : "warning";
         item["line"] = problem.line;
         list.append(item);
+    }
+    return list;
+}
+
+Json::Value textList(std::vector<std::string> const &lines) {
+    Json::Value list(Json::arrayValue);
+    for (std::string const &line : lines) {
+        list.append(line);
     }
     return list;
 }
@@ -149,10 +166,8 @@ Json::Value providerJson(ProviderReport const &provider) {
         item["authorization_url"] = provider.authorizationUrl;
     }
     item["problems"] = problemsJson(provider.problems);
-    item["notes"] = Json::Value(Json::arrayValue);
-    for (std::string const &note : provider.notes) {
-        item["notes"].append(note);
-    }
+    item["notes"] = textList(provider.notes);
+    item["warnings"] = textList(provider.warnings);
     return item;
 }
 
@@ -160,7 +175,9 @@ Json::Value providerJson(ProviderReport const &provider) {
 
 std::string reportAsText(CheckReport const &report) {
     std::ostringstream out;
-    out << "Configuration file: " << report.file << "\n\n";
+    out << "Configuration file: " << escapeControls(report.file) << "\n";
+    remarks(out, "warning", report.warnings, "");
+    out << "\n";
     for (ProviderReport const &provider : report.providers) {
         providerText(out, provider);
     }
@@ -169,7 +186,7 @@ std::string reportAsText(CheckReport const &report) {
         problemLines(out, report.problems, "  ");
         out << "\n";
     }
-    out << "Result: " << report.verdict << "\n";
+    out << "Result: " << escapeControls(report.verdict) << "\n";
     return out.str();
 }
 
@@ -180,6 +197,7 @@ std::string reportAsJson(CheckReport const &report) {
     root["offline"] = report.offline;
     root["verdict"] = report.verdict;
     root["problems"] = problemsJson(report.problems);
+    root["warnings"] = textList(report.warnings);
     root["providers"] = Json::Value(Json::arrayValue);
     for (ProviderReport const &provider : report.providers) {
         root["providers"].append(providerJson(provider));

@@ -2,7 +2,11 @@
 // with what each step logged kept beside the entry it belongs to.
 #include "tools/qxss-check/ConfigCheck.h"
 
+#include "tools/qxss-check/ConfigWarnings.h"
+
 #include "actions/SsoActions.h"
+#include "platform/PlatformFakes.h"
+#include "platform/Sockets.h"
 #include "platform/Url.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
@@ -26,59 +30,9 @@ namespace {
 
 char const kFileName[] = "sso.cfg";
 
-// A private directory holding only a link named sso.cfg to the file under check: the library
-// reads "<configuration directory>/sso.cfg", and the admin's file may have any name.
-class LinkDirectory {
-public:
-    LinkDirectory() = default;
-    ~LinkDirectory() {
-        if (!link_.empty()) {
-            ::unlink(link_.c_str());
-        }
-        if (!directory_.empty()) {
-            ::rmdir(directory_.c_str());
-        }
-    }
-    LinkDirectory(LinkDirectory const &) = delete;
-    LinkDirectory &operator=(LinkDirectory const &) = delete;
-
-    // Makes the directory and the link to `target` (an absolute path). "" on failure, with
-    // `error` set.
-    std::string make(std::string const &target, std::string &error) {
-        char const *base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base && *base ? base : "/tmp") + "/qxss-check.XXXXXX";
-        std::unique_ptr<char[]> name(new char[pattern.size() + 1]);
-        std::memcpy(name.get(), pattern.c_str(), pattern.size() + 1);
-        if (::mkdtemp(name.get()) == nullptr) {
-            error = "cannot make a temporary directory: " + std::string(std::strerror(errno));
-            return "";
-        }
-        directory_ = name.get();
-        std::string link = directory_ + "/" + kFileName;
-        if (::symlink(target.c_str(), link.c_str()) != 0) {
-            error = "cannot link the file into " + directory_ + ": " + std::strerror(errno);
-            return "";
-        }
-        link_ = link;
-        return directory_;
-    }
-
-private:
-    std::string directory_;
-    std::string link_;
-};
-
 std::string baseName(std::string const &path) {
     size_t slash = path.find_last_of('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::string directoryOf(std::string const &path) {
-    size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 void addProblems(std::vector<LoggedProblem> &to, std::vector<std::string> const &statements) {
@@ -168,87 +122,78 @@ std::string authorizationUrlFor(SsoServer &server, int32_t id) {
     }
     std::unique_ptr<char[]> reply(
         server.getClientConfig(static_cast<uint32_t>(id), session.c_str(), nullptr));
-    if (!reply) {
-        return "";
-    }
-    // "<client JSON>|<code challenge>|<session>": the challenge is Base64url and the session
-    // ours, so the JSON is everything before the last two separators, whatever it holds.
-    std::string text = reply.get();
-    std::string suffix = "|" + session;
-    if (text.size() <= suffix.size() ||
-        text.compare(text.size() - suffix.size(), suffix.size(), suffix) != 0) {
-        return "";
-    }
-    text.resize(text.size() - suffix.size());
-    size_t separator = text.find_last_of('|');
-    if (separator == std::string::npos) {
-        return "";
-    }
-    std::string clientJson = text.substr(0, separator);
-    std::string challenge = text.substr(separator + 1);
-    std::string data = "OAuth|" + clientJson + "|" + state + "|" + nonce + "|" + challenge;
-    std::unique_ptr<char[]> encoded(UrlEncode(data.c_str()));
-    std::unique_ptr<char[]> url(SsoActions::loginUrl(encoded.get()));
-    return url ? std::string(url.get()) : std::string();
+    return reply ? authorizationUrlFrom(reply.get(), session, state, nonce) : std::string();
 }
 
-// Where a file or a directory stands; false with `error` set when it cannot be read.
-bool locate(std::string const &given, std::string &path, std::string &error) {
-    path = given;
-    struct stat info;
-    if (::stat(path.c_str(), &info) != 0) {
-        error = path + ": " + std::strerror(errno);
+// The form of a DNS name: labels of letters, digits and hyphens, none empty or longer than 63
+// bytes or with a hyphen at either end, 253 bytes at most in all.
+bool looksLikeHostName(char const *host) {
+    std::string name = host ? host : "";
+    if (name.empty() || name.size() > 253) {
         return false;
     }
-    if (S_ISDIR(info.st_mode)) {
-        path = (path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path) +
-               "/" + kFileName;
-        if (::stat(path.c_str(), &info) != 0) {
-            error = path + ": " + std::strerror(errno);
+    size_t start = 0;
+    while (start <= name.size()) {
+        size_t dot = name.find('.', start);
+        size_t end = dot == std::string::npos ? name.size() : dot;
+        size_t length = end - start;
+        if (length == 0 || length > 63 || name[start] == '-' || name[end - 1] == '-') {
             return false;
         }
-    }
-    if (!S_ISREG(info.st_mode)) {
-        error = path + ": not a regular file";
-        return false;
+        for (size_t i = start; i < end; ++i) {
+            char c = name[i];
+            bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+            if (!letter && !(c >= '0' && c <= '9') && c != '-') {
+                return false;
+            }
+        }
+        if (dot == std::string::npos) {
+            break;
+        }
+        start = dot + 1;
     }
     return true;
 }
 
+// While it lives, the library's name lookups (the proxy check of the file) ask no resolver and
+// pass every name of the right form: --offline sends nothing to the network, DNS included.
+class NoResolver {
+public:
+    NoResolver() {
+        PlatformFakes::lookup() = [](char const *host, int) {
+            return looksLikeHostName(host) ? 0 : -1;
+        };
+    }
+    ~NoResolver() { PlatformFakes::lookup() = nullptr; }
+    NoResolver(NoResolver const &) = delete;
+    NoResolver &operator=(NoResolver const &) = delete;
+};
+
+// The host of a proxy value "<scheme>://<host>:<port>".
+std::string proxyHost(std::string const &proxy) {
+    size_t start = proxy.find("://");
+    start = start == std::string::npos ? 0 : start + 3;
+    size_t colon = proxy.rfind(':');
+    return colon == std::string::npos || colon < start ? proxy.substr(start)
+                                                       : proxy.substr(start, colon - start);
+}
+
 void check(std::string const &given, bool offline, LogCollector &log, CheckReport &report) {
-    std::string path;
+    ConfigPlace place;
     std::string error;
-    bool found = locate(given, path, error);
-    report.file = path;
+    bool found = place.open(given, error);
+    report.file = place.path;
+    report.warnings = fileWarnings(place.path);
     if (!found) {
         report.problems.push_back({true, "qxss-check: " + error});
-        report.verdict = "The file cannot be read: the library would load nothing from it.";
+        report.verdict = place.found
+                             ? "The file could not be prepared for the check."
+                             : "The file cannot be read: the library would load nothing from it.";
         return;
     }
 
-    // The library reads "<directory>/sso.cfg": hand it the file's own directory when the name
-    // fits, and a private link otherwise.
-    LinkDirectory link;
-    std::string directory;
-    if (baseName(path) == kFileName) {
-        directory = directoryOf(path);
-    } else {
-        char resolved[PATH_MAX];
-        if (::realpath(path.c_str(), resolved) == nullptr) {
-            report.problems.push_back({true, "qxss-check: " + path + ": " + std::strerror(errno)});
-            report.verdict = "The file cannot be read.";
-            return;
-        }
-        directory = link.make(resolved, error);
-        if (directory.empty()) {
-            report.problems.push_back({true, "qxss-check: " + error});
-            report.verdict = "The file could not be prepared for the check.";
-            return;
-        }
-    }
-
     SsoServer server;
-    server.configPath = directory;
+    server.configPath = place.directory;
     size_t mark = log.mark();
     bool typed = server.setMachineType();
     if (!typed || server.machineType != 0) {
@@ -257,7 +202,9 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
         return;
     }
     mark = log.mark();
+    std::unique_ptr<NoResolver> noResolver(offline ? new NoResolver : nullptr);
     bool loaded = server.loadConfigsJson();
+    noResolver.reset();
     addProblems(report.problems, log.since(mark));
     if (!loaded) {
         report.verdict = "The library would refuse this file: nothing of it would be loaded.";
@@ -291,6 +238,12 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
         for (ProviderReport &provider : report.providers) {
             if (provider.served) {
                 provider.discovery = ProviderReport::Discovery::Skipped;
+            }
+            if (!provider.proxy.empty() &&
+                SocketValidateIp(proxyHost(provider.proxy).c_str()) != 1) {
+                provider.notes.push_back("proxy host '" + proxyHost(provider.proxy) +
+                                         "' was checked for form only: --offline looks up no "
+                                         "name");
             }
         }
         report.loads = true;
@@ -365,6 +318,101 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
 
 }  // namespace
 
+std::string authorizationUrlFrom(std::string const &clientConfig, std::string const &session,
+                                 std::string const &state, std::string const &nonce) {
+    // "<client JSON>|<code challenge>|<session>": the challenge is Base64url and the session
+    // ours, so the JSON is everything before the last two separators, whatever it holds.
+    std::string text = clientConfig;
+    std::string suffix = "|" + session;
+    if (text.size() <= suffix.size() ||
+        text.compare(text.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        return "";
+    }
+    text.resize(text.size() - suffix.size());
+    size_t separator = text.find_last_of('|');
+    if (separator == std::string::npos) {
+        return "";
+    }
+    std::string clientJson = text.substr(0, separator);
+    std::string challenge = text.substr(separator + 1);
+    std::string data = "OAuth|" + clientJson + "|" + state + "|" + nonce + "|" + challenge;
+    std::unique_ptr<char[]> encoded(UrlEncode(data.c_str()));
+    std::unique_ptr<char[]> url(SsoActions::loginUrl(encoded.get()));
+    return url ? std::string(url.get()) : std::string();
+}
+
+void describeRecord(SsoServerConfigOAuth const &record, ProviderReport &report) {
+    report.id = record.configId;
+    report.provider = record.provider;
+    copyRecord(record, report);
+    copyEndpoints(record, report);
+}
+
+std::string directoryOf(std::string const &path) {
+    size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+ConfigPlace::~ConfigPlace() {
+    if (!link_.empty()) {
+        ::unlink(link_.c_str());
+    }
+    if (!linkDirectory_.empty()) {
+        ::rmdir(linkDirectory_.c_str());
+    }
+}
+
+bool ConfigPlace::open(std::string const &given, std::string &error) {
+    path = given;
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (S_ISDIR(info.st_mode)) {
+        path = (path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path) +
+               "/" + kFileName;
+        if (::stat(path.c_str(), &info) != 0) {
+            error = path + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    if (!S_ISREG(info.st_mode)) {
+        error = path + ": not a regular file";
+        return false;
+    }
+    found = true;
+    if (baseName(path) == kFileName) {
+        directory = directoryOf(path);
+        return true;
+    }
+    char resolved[PATH_MAX];
+    if (::realpath(path.c_str(), resolved) == nullptr) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    char const *base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/qxss-check.XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    if (::mkdtemp(name.data()) == nullptr) {
+        error = "cannot make a temporary directory: " + std::string(std::strerror(errno));
+        return false;
+    }
+    linkDirectory_ = name.data();
+    std::string link = linkDirectory_ + "/" + kFileName;
+    if (::symlink(resolved, link.c_str()) != 0) {
+        error = "cannot link the file into " + linkDirectory_ + ": " + std::strerror(errno);
+        return false;
+    }
+    link_ = link;
+    directory = linkDirectory_;
+    return true;
+}
+
 CheckReport checkConfiguration(std::string const &file, bool offline, LogCollector &log) {
     CheckReport report;
     report.file = file;
@@ -372,6 +420,9 @@ CheckReport checkConfiguration(std::string const &file, bool offline, LogCollect
     // The one boundary of the checker: nothing thrown below may end it without a report.
     try {
         check(file, offline, log, report);
+        for (ProviderReport &provider : report.providers) {
+            provider.warnings = entryWarnings(provider);
+        }
     } catch (std::exception const &error) {
         report.loads = false;
         report.problems.push_back(

@@ -41,6 +41,8 @@ struct ProviderReport {
     std::vector<LoggedProblem> problems;
     // The checker's own remarks (not library statements).
     std::vector<std::string> notes;
+    // The checker's own warnings about this entry (ConfigWarnings.h).
+    std::vector<std::string> warnings;
 };
 
 struct CheckReport {
@@ -50,7 +52,47 @@ struct CheckReport {
     std::string verdict;  // one sentence
     // Problems that belong to the file as a whole (reading, validation, transport start).
     std::vector<LoggedProblem> problems;
+    // The checker's own warnings about the file (who may read, write or replace it).
+    std::vector<std::string> warnings;
     std::vector<ProviderReport> providers;  // in ID order; empty when the file was refused
+};
+
+class SsoServerConfigOAuth;
+
+// The provider's authorization URL for a client configuration string
+// ("<client JSON>|<code challenge>|<session>", as SSO_GET_CONFIG_OK carries it), with the state
+// and nonce given, built by the client side's own code. Empty on failure; the log says why.
+std::string authorizationUrlFrom(std::string const &clientConfig, std::string const &session,
+                                 std::string const &state, std::string const &nonce);
+
+// The directory part of `path`: "." for a bare name, "/" for a file in the root.
+std::string directoryOf(std::string const &path);
+
+// Fills the settings and endpoints of `report` from a provider record.
+void describeRecord(SsoServerConfigOAuth const &record, ProviderReport &report);
+
+// The file the library is to read, in a directory the library can be pointed at: the library
+// reads "<configuration directory>/sso.cfg", and the admin's file may have any name, so such a
+// file is reached through a private directory holding a link to it, removed with this object.
+class ConfigPlace {
+public:
+    ConfigPlace() = default;
+    ~ConfigPlace();
+    ConfigPlace(ConfigPlace const &) = delete;
+    ConfigPlace &operator=(ConfigPlace const &) = delete;
+
+    // Finds `given` (a file, or a directory standing for its sso.cfg) and prepares the
+    // directory. False with `error` set (one line, with the path) when that cannot be done;
+    // `path` is set as far as it was found.
+    bool open(std::string const &given, std::string &error);
+
+    std::string path;       // the file found
+    bool found = false;     // the file exists and is a regular file
+    std::string directory;  // what the library is to take as its configuration directory
+
+private:
+    std::string linkDirectory_;
+    std::string link_;
 };
 
 // Runs the library's loading code on `file` (a file, or a directory holding sso.cfg): both

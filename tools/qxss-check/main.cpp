@@ -3,6 +3,7 @@
 #include "tools/qxss-check/CheckReportOutput.h"
 #include "tools/qxss-check/ConfigCheck.h"
 #include "tools/qxss-check/LogCollector.h"
+#include "tools/qxss-check/LoginCheck.h"
 
 #include <cstdio>
 #include <exception>
@@ -29,9 +30,13 @@ int run(std::vector<std::string> const &arguments) {
                          options.error.c_str());
             return 2;
         case CheckOptions::Action::Check:
+        case CheckOptions::Action::Login:
             break;
     }
     LogCollector log(options.verbose);
+    if (options.action == CheckOptions::Action::Login) {
+        return runLogin(options, log, stdin, stdout);
+    }
     CheckReport report = checkConfiguration(options.file, options.offline, log);
     std::string output = options.json ? reportAsJson(report) : reportAsText(report);
     std::fputs(output.c_str(), stdout);
