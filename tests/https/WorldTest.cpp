@@ -8,7 +8,9 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -109,9 +111,32 @@ TEST_F(WorldTest, OtherHostAndUntrustedCertificatesAreRefused) {
 
 TEST_F(WorldTest, ProviderHoldsCallsUntilReleased) {
     auto &provider = LocalProvider::sharedHttps();
+    std::string const me = provider.baseUrl() + "/me";
     ASSERT_TRUE(provider.hold(1));
     EXPECT_EQ(provider.held(), 0);
+    Answer held;
+    std::thread call([&] { held = get(me, true); });
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (provider.held() != 1 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(provider.held(), 1);
+    // Only the next call was held: this one is answered at once.
+    Answer next = get(me, true);
+    EXPECT_EQ(next.result, CURLE_OK) << next.error;
+    EXPECT_EQ(next.status, 400);  // no access token
+    EXPECT_EQ(provider.release(), 1);
+    call.join();
+    EXPECT_EQ(held.result, CURLE_OK) << held.error;
+    EXPECT_EQ(held.status, 400);
+    EXPECT_EQ(provider.held(), 0);
+
+    // Released before anything came: nothing stays held.
+    ASSERT_TRUE(provider.hold(2));
     EXPECT_EQ(provider.release(), 0);
+    Answer after = get(me, true);
+    EXPECT_EQ(after.status, 400);
+    EXPECT_EQ(provider.held(), 0);
 }
 
 }  // namespace

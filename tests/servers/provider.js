@@ -187,6 +187,7 @@ function control(path, res) {
     return;
   }
   if (path === '/qxss-test/release') {
+    toHold = 0;
     const released = held.splice(0, held.length);
     for (const handle of released) handle();
     answerJson(res, { released: released.length });
