@@ -59,9 +59,9 @@ std::string HttpsRoads::authorize(WorkerHost &on, int id, std::string const &ses
 }
 
 std::string HttpsRoads::valueOf(std::string const &reply, std::string const &word,
-                                std::string const &session) {
+                                std::string const &session, std::string const &user) {
     auto parts = SsoChannel::split(reply);
-    if (parts.size() != 5 || parts[0] != word || parts[1] != "alice" || parts[2].empty() ||
+    if (parts.size() != 5 || parts[0] != word || parts[1] != user || parts[2].empty() ||
         parts[3].empty() || parts[4] != session + "\n") {
         return std::string();
     }

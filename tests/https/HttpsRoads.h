@@ -29,9 +29,9 @@ protected:
     static std::string load(WorkerHost &on, std::vector<LoginDriver::Entry> const &entries);
     // Sends "SSO_GET_CONFIG" and signs alice in at the HTTPS provider: the code, or "".
     std::string authorize(WorkerHost &on, int id, std::string const &session);
-    // The session value of a "<word>|alice|<value>|<expiry>|<session>\n" reply, or "".
+    // The session value of a "<word>|<user>|<value>|<expiry>|<session>\n" reply, or "".
     static std::string valueOf(std::string const &reply, std::string const &word,
-                               std::string const &session);
+                               std::string const &session, std::string const &user = "alice");
 
     // Starts a background node verification for `session` on `on` whose userinfo call never
     // gets an answer, and waits until that call has reached the server.
