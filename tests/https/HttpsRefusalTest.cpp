@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
 #include <string>
 
 namespace {
@@ -30,6 +31,11 @@ BadCertificate const kUntrusted = {"FromAnUntrustedCa", &TestCa::untrustedPem,
 BadCertificate const kOtherHost = {
     "ForAnotherHostName", &TestCa::otherHostPem, &TestCa::otherHostKey,
     "SSL: no alternative certificate subject name matches target host name '127.0.0.1'"};
+
+// GoogleTest names a failing case's parameter by this.
+void PrintTo(BadCertificate const &bad, std::ostream *out) {
+    *out << bad.name;
+}
 
 // What libcurl's error code says about either (CURLE_PEER_FAILED_VERIFICATION).
 std::string const kPeerFailed = "SSL peer certificate or SSH remote key was not OK";
