@@ -7,6 +7,8 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -177,6 +179,12 @@ void FailureServer::acceptLoop() {
 }
 
 void FailureServer::serve(int fd) {
+    // OpenSSL writes with plain write(): a client that dropped the connection (as one does
+    // that refuses the certificate) must give this thread EPIPE, not kill the test program.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     SSL *ssl = nullptr;
     if (context_ != nullptr) {
         ssl = SSL_new(context_);

@@ -74,6 +74,50 @@ protected:
         }
     }
 
+    // A node configuration whose userinfo endpoint is the bad server.
+    std::string nodeJson() const {
+        return "{\"access_token\":\"at-1\",\"provider\":\"keycloak\",\"qx_user_type\":\"local\","
+               "\"userinfo_uri\":\"" +
+               bad->url("/me") + "\"}";
+    }
+
+    // `command` for `session` starts its `flow` ("verify", "refresh", "node verify"), which
+    // fails at the certificate: `failure` is its only reply.
+    void expectFlowRefused(WorkerHost &on, std::string const &command, std::string const &failure,
+                           std::string const &flow, std::string const &session) {
+        SCOPED_TRACE(command);
+        log.clear();
+        on.send(command + "\n");
+        EXPECT_EQ(on.readLine(10000), failure + "\n");
+        EXPECT_EQ(on.readFor(300), "");
+        EXPECT_TRUE(log.hasInOrder({
+            "Sso: Started async " + flow + " flow successfully for user session: '" + session +
+                "'.\n",
+            "CurlRequest: ERROR! Curl error: " + kPeerFailed + ".\n",
+            "CurlRequest: ERROR! 'Curl error: " + kPeerFailed + "' HTTP: 0.\n",
+            "Sso: Async flow failed: 'Curl error: " + kPeerFailed + "' HTTP: 0.\n",
+        })) << log.text();
+    }
+
+    // `command` for `session`, whose flow is held, takes the blocking road of `login`
+    // ("verify", "refresh", "node"), which fails at the certificate: `failure` is its reply.
+    void expectBlockingRefused(WorkerHost &on, std::string const &command,
+                               std::string const &failure, std::string const &login,
+                               std::string const &session) {
+        SCOPED_TRACE(command);
+        holdSession(on, session);
+        log.clear();
+        on.send(command + "\n");
+        EXPECT_EQ(on.readLine(10000), failure + "\n");
+        EXPECT_EQ(on.readFor(300), "");
+        EXPECT_TRUE(log.hasInOrder({
+            "Sso: Executing sync " + login + " login for user session: '" + session + "'.\n",
+            "SsoRequest: ERROR! Sso request failed. CURL error message: '" + problem() + "'.\n",
+            "Sso: ERROR! Sync " + login + " login also failed.\n",
+        })) << log.text();
+        releaseSession(on, session);
+    }
+
     std::unique_ptr<FailureServer> bad;
     std::unique_ptr<FailureServer> front;
 };
@@ -101,49 +145,17 @@ TEST_P(HttpsRefusalTest, BackgroundFlowsFail) {
     std::string const session = LoginChannel::session("refused-verify");
     host.send("SSO_GET_CONFIG|0|" + session + "\n");
     ASSERT_EQ(host.readLine(5000).compare(0, 18, "SSO_GET_CONFIG_OK|"), 0);
-    std::vector<std::string> const failed = {
-        "CurlRequest: ERROR! Curl error: " + kPeerFailed + ".\n",
-        "CurlRequest: ERROR! 'Curl error: " + kPeerFailed + "' HTTP: 0.\n",
-    };
 
-    log.clear();
-    host.send("SSO_VERIFY|code-1|" + session + "\n");
-    EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.hasInOrder({
-        "Sso: Started async verify flow successfully for user session: '" + session + "'.\n",
-        failed[0],
-        failed[1],
-        "Sso: Async flow failed: 'Curl error: " + kPeerFailed + "' HTTP: 0.\n",
-    })) << log.text();
-
-    log.clear();
-    host.send("SSO_REFRESH|uuid-1|refresh-value-1\n");
-    EXPECT_EQ(host.readLine(10000), "SSO_REFRESH_FAILURE|refresh-value-1\n");
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.hasInOrder({
-        "Sso: Started async refresh flow successfully for user session: 'refresh-value-1'.\n",
-        failed[0],
-        failed[1],
-        "Sso: Async flow failed: 'Curl error: " + kPeerFailed + "' HTTP: 0.\n",
-    })) << log.text();
-
+    expectFlowRefused(host, "SSO_VERIFY|code-1|" + session, "SSO_VERIFY_FAILURE|" + session,
+                      "verify", session);
+    expectFlowRefused(host, "SSO_REFRESH|uuid-1|refresh-value-1",
+                      "SSO_REFRESH_FAILURE|refresh-value-1", "refresh", "refresh-value-1");
     host.stop();
     TestMachine::node();
     WorkerHost node;
     ASSERT_EQ(node.start(), 0);
-    log.clear();
-    node.send("SSO_NODE_VERIFY|{\"access_token\":\"at-1\",\"provider\":\"keycloak\","
-              "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
-              bad->url("/me") + "\"}|node-session\n");
-    EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_FAILURE|node-session\n");
-    EXPECT_EQ(node.readFor(300), "");
-    EXPECT_TRUE(log.hasInOrder({
-        "Sso: Started async node verify flow successfully for user session: 'node-session'.\n",
-        failed[0],
-        failed[1],
-        "Sso: Async flow failed: 'Curl error: " + kPeerFailed + "' HTTP: 0.\n",
-    })) << log.text();
+    expectFlowRefused(node, "SSO_NODE_VERIFY|" + nodeJson() + "|node-session",
+                      "SSO_NODE_VERIFY_FAILURE|node-session", "node verify", "node-session");
     expectNothingServed();
 }
 
@@ -151,53 +163,20 @@ TEST_P(HttpsRefusalTest, BlockingRoadFails) {
     SsoServer::getServer().refreshInfoBySession["refresh-value-2"] =
         OAuthRefreshInfo{0, kNow, "rt-0", "at-0"};
     ASSERT_EQ(load(host, {entryAt(*front)}), "SSO_LOAD_CONFIGS_OK\n");
-    std::string const refused =
-        "SsoRequest: ERROR! Sso request failed. CURL error message: '" + problem() + "'.\n";
-
     std::string const session = LoginChannel::session("refused-blocking-verify");
     host.send("SSO_GET_CONFIG|0|" + session + "\n");
     ASSERT_EQ(host.readLine(5000).compare(0, 18, "SSO_GET_CONFIG_OK|"), 0);
-    holdSession(host, session);
-    log.clear();
-    host.send("SSO_VERIFY|code-1|" + session + "\n");
-    EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.hasInOrder({
-        "Sso: Executing sync verify login for user session: '" + session + "'.\n",
-        refused,
-        "Sso: ERROR! Sync verify login also failed.\n",
-    })) << log.text();
-    releaseSession(host, session);
 
-    holdSession(host, "refresh-value-2");
-    log.clear();
-    host.send("SSO_REFRESH|uuid-1|refresh-value-2\n");
-    EXPECT_EQ(host.readLine(10000), "SSO_REFRESH_FAILURE|refresh-value-2\n");
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.hasInOrder({
-        "Sso: Executing sync refresh login for user session: 'refresh-value-2'.\n",
-        refused,
-        "Sso: ERROR! Sync refresh login also failed.\n",
-    })) << log.text();
-    releaseSession(host, "refresh-value-2");
-
+    expectBlockingRefused(host, "SSO_VERIFY|code-1|" + session, "SSO_VERIFY_FAILURE|" + session,
+                          "verify", session);
+    expectBlockingRefused(host, "SSO_REFRESH|uuid-1|refresh-value-2",
+                          "SSO_REFRESH_FAILURE|refresh-value-2", "refresh", "refresh-value-2");
     host.stop();
     TestMachine::node();
     WorkerHost node;
     ASSERT_EQ(node.start(), 0);
-    holdSession(node, "node-session");
-    log.clear();
-    node.send("SSO_NODE_VERIFY|{\"access_token\":\"at-1\",\"provider\":\"keycloak\","
-              "\"qx_user_type\":\"local\",\"userinfo_uri\":\"" +
-              bad->url("/me") + "\"}|node-session\n");
-    EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_FAILURE|node-session\n");
-    EXPECT_EQ(node.readFor(300), "");
-    EXPECT_TRUE(log.hasInOrder({
-        "Sso: Executing sync node login for user session: 'node-session'.\n",
-        refused,
-        "Sso: ERROR! Sync node login also failed.\n",
-    })) << log.text();
-    releaseSession(node, "node-session");
+    expectBlockingRefused(node, "SSO_NODE_VERIFY|" + nodeJson() + "|node-session",
+                          "SSO_NODE_VERIFY_FAILURE|node-session", "node", "node-session");
     expectNothingServed();
 }
 
