@@ -110,8 +110,7 @@ protected:
     }
 
     // Every road refuses the late certificate.
-    void expectRefusedEverywhere(char const *when) {
-        SCOPED_TRACE(when);
+    void expectRefusedEverywhere() {
         log.clear();
         EXPECT_EQ(loadLate(), "SSO_LOAD_METADATA_FAILURE\n");
         EXPECT_TRUE(log.has("CurlRequest: ERROR! Sync request failed: '" + kUnknownIssuer +
@@ -150,11 +149,11 @@ private:
 };
 
 TEST_F(HttpsBundleTest, CaAddedToTheBundleIsTrustedFromTheNextConnectionOn) {
+    // A server from the start (the role is settled when the worker starts).
     TestMachine::server(LoginDriver::file({entryAt(*late, true)}));
     ASSERT_EQ(host.start(), 0);
-    expectRefusedEverywhere("before the CA is added");
-    size_t served = late->requests().size();
-    EXPECT_EQ(served, 0u);
+    expectRefusedEverywhere();
+    EXPECT_TRUE(late->requests().empty());
 
     ASSERT_TRUE(TestCa::writeBundle(original + "\n" + lateCa));
     {
@@ -174,7 +173,7 @@ TEST_F(HttpsBundleTest, CaAddedToTheBundleIsTrustedFromTheNextConnectionOn) {
         EXPECT_TRUE(log.has("CurlRequest: Flow completed for session '" + lastSession + "'.\n"));
         log.clear();
         EXPECT_EQ(loadLate(), "SSO_LOAD_CONFIGS_OK\n") << log.text();
-        EXPECT_GT(late->requests().size(), served);
+        EXPECT_FALSE(late->requests().empty());
     }
 }
 
