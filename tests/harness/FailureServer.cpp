@@ -7,6 +7,8 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -57,12 +59,21 @@ bool makeCertificate(std::string &certificate, std::string &key) {
 }  // namespace
 
 FailureServer::FailureServer(bool useTls) : tls(useTls) {
+    std::string certificate;
+    std::string key;
+    if (tls && !makeCertificate(certificate, key)) {
+        return;
+    }
+    listenOnLoopback(certificate, key);
+}
+
+FailureServer::FailureServer(std::string const &certificate, std::string const &key)
+    : tls(true) {
+    listenOnLoopback(certificate, key);
+}
+
+void FailureServer::listenOnLoopback(std::string const &certificate, std::string const &key) {
     if (tls) {
-        std::string certificate;
-        std::string key;
-        if (!makeCertificate(certificate, key)) {
-            return;
-        }
         context_ = SSL_CTX_new(TLS_server_method());
         if (context_ == nullptr ||
             SSL_CTX_use_certificate_file(context_, certificate.c_str(), SSL_FILETYPE_PEM) != 1 ||
@@ -168,6 +179,12 @@ void FailureServer::acceptLoop() {
 }
 
 void FailureServer::serve(int fd) {
+    // OpenSSL writes with plain write(): a client that dropped the connection (as one does
+    // that refuses the certificate) must give this thread EPIPE, not kill the test program.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     SSL *ssl = nullptr;
     if (context_ != nullptr) {
         ssl = SSL_new(context_);
