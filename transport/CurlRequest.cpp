@@ -5,6 +5,8 @@
 
 #include "platform/Files.h"
 #include "platform/Log.h"
+#include "transport/CaStore.h"
+#include "transport/CurlShare.h"
 
 #include <unistd.h>
 
@@ -129,6 +131,7 @@ void CurlRequest::cleanUp() {
         socketSet = -1;
     }
     timerDue = -1;
+    CurlShare::getShare().close();
     curl_global_cleanup();
     delete[] errorBuffer;
     errorBuffer = nullptr;
@@ -262,11 +265,11 @@ CURLcode CurlRequest::setupCAFile(void *handle, int32_t target) {
     }
     for (char const *path : kCaBundles) {
         if (FileAccess(path) == 0) {
-            return curl_easy_setopt(handle, server ? CURLOPT_CAINFO : CURLOPT_PROXY_CAINFO, path);
+            return CaStore::getStore().trustOn(handle, path);
         }
     }
     // No bundle found: libcurl's built-in default applies.
-    return CURLE_OK;
+    return CaStore::getStore().trustOn(handle, nullptr);
 }
 
 bool CurlRequest::setUrl(void *handle, char const *url) {
@@ -376,6 +379,7 @@ std::string CurlRequest::syncRequest(httpMethod method, char const *url,
         return std::string();
     }
     errorBuffer[0] = '\0';
+    CurlShare::getShare().join(easy);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(easy, CURLOPT_DEFAULT_PROTOCOL, "https");
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
