@@ -9,8 +9,8 @@ out=$2
 rm -rf "$out"
 mkdir -p "$out"
 "$program" --short --out "$out" | tee "$out/output.txt"
-tail -n 1 "$out/output.txt" | grep -Eq '^RESULT p50_library_ms=[0-9.]+ p50_bare_ms=[0-9.]+ p50_peer_ms=[0-9.]+ rate_library=[0-9.]+ rate_bare=[0-9.]+ rate_peer=[0-9.]+$'
-test "$(head -n 1 "$out/login.csv")" = "phase,client,delay_ms,index,latency_ms"
+tail -n 1 "$out/output.txt" | grep -Eq '^RESULT p50_library_ms=[0-9.]+ p50_bare_ms=[0-9.]+ p50_peer_ms=[0-9.]+ rate_library=[0-9.]+ rate_bare=[0-9.]+ rate_peer=[0-9.]+ p50_library_tls_ms=[0-9.]+ p50_library_revoke_tls_ms=[0-9.]+ rate_library_tls=[0-9.]+ rate_bare_tls=[0-9.]+ cpu_us_library_tls=[0-9]+ cpu_us_bare_tls=[0-9]+ burst_1500_ok=[0-9]+$'
+test "$(head -n 1 "$out/login.csv")" = "phase,transport,client,delay_ms,index,latency_ms"
 test "$(wc -l < "$out/login.csv")" -gt 1
 if command -v gnuplot >/dev/null 2>&1; then
     test -s "$out/login.png"
