@@ -57,12 +57,21 @@ bool makeCertificate(std::string &certificate, std::string &key) {
 }  // namespace
 
 FailureServer::FailureServer(bool useTls) : tls(useTls) {
+    std::string certificate;
+    std::string key;
+    if (tls && !makeCertificate(certificate, key)) {
+        return;
+    }
+    listenOnLoopback(certificate, key);
+}
+
+FailureServer::FailureServer(std::string const &certificate, std::string const &key)
+    : tls(true) {
+    listenOnLoopback(certificate, key);
+}
+
+void FailureServer::listenOnLoopback(std::string const &certificate, std::string const &key) {
     if (tls) {
-        std::string certificate;
-        std::string key;
-        if (!makeCertificate(certificate, key)) {
-            return;
-        }
         context_ = SSL_CTX_new(TLS_server_method());
         if (context_ == nullptr ||
             SSL_CTX_use_certificate_file(context_, certificate.c_str(), SSL_FILETYPE_PEM) != 1 ||

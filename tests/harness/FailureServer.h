@@ -13,7 +13,8 @@ struct ssl_ctx_st;
 // A small programmable HTTP/1.1 server on 127.0.0.1 for the failure cases a real provider
 // rarely shows: any status, any body, an empty body, a connection that never answers, a reset.
 // One request per connection. In TLS mode it serves a self-signed certificate made at start,
-// which a client that verifies certificates must refuse.
+// which a client that verifies certificates must refuse, or the certificate it is given (for
+// instance one of the test CA's, tests/harness/TestCa.h); it speaks HTTP/1.1 only.
 class FailureServer {
 public:
     enum class Mode { Answer, Hang, Reset };
@@ -37,6 +38,9 @@ public:
     };
 
     explicit FailureServer(bool tls = false);
+    // TLS with the PEM files `certificate` and `key`; not listening (port 0) when they do not
+    // load.
+    FailureServer(std::string const &certificate, std::string const &key);
     ~FailureServer();
     FailureServer(FailureServer const &) = delete;
     FailureServer &operator=(FailureServer const &) = delete;
@@ -55,6 +59,7 @@ public:
     bool tls = false;
 
 private:
+    void listenOnLoopback(std::string const &certificate, std::string const &key);
     void acceptLoop();
     void serve(int fd);
     Reply replyFor(std::string const &target) const;

@@ -1,5 +1,7 @@
 #include "tests/harness/LocalProvider.h"
 
+#include "tests/harness/TestCa.h"
+
 #include <curl/curl.h>
 #include <json/reader.h>
 
@@ -16,7 +18,8 @@ size_t collect(char *bytes, size_t size, size_t count, void *user) {
     return size * count;
 }
 
-// A plain GET for the provider's test controls; the body, or "" on failure.
+// A plain GET for the provider's test controls; the body, or "" on failure. Over HTTPS the
+// test CA is trusted by name, so that a test may change the system bundle meanwhile.
 std::string fetch(std::string const &url) {
     CURL *handle = curl_easy_init();
     if (handle == nullptr) {
@@ -24,6 +27,9 @@ std::string fetch(std::string const &url) {
     }
     std::string body;
     curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+    if (url.compare(0, 8, "https://") == 0) {
+        curl_easy_setopt(handle, CURLOPT_CAINFO, TestCa::caPem().c_str());
+    }
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &body);
     curl_easy_setopt(handle, CURLOPT_TIMEOUT, 10L);
@@ -39,13 +45,33 @@ LocalProvider &LocalProvider::shared() {
     return provider;
 }
 
+LocalProvider &LocalProvider::sharedHttps() {
+    // Outside the test CA's world the empty names leave it not ready, saying why.
+    bool world = TestCa::available();
+    static LocalProvider provider(world ? TestCa::serverPem() : std::string(),
+                                  world ? TestCa::serverKey() : std::string());
+    return provider;
+}
+
 LocalProvider::LocalProvider() {
+    start({"node", "provider.js", "0"});
+}
+
+LocalProvider::LocalProvider(std::string const &certificate, std::string const &key) {
+    if (certificate.empty() || key.empty()) {
+        error = TestCa::why();
+        return;
+    }
+    start({"node", "provider.js", "0", "--tls", certificate, key});
+}
+
+void LocalProvider::start(std::vector<std::string> const &arguments) {
     std::string directory = serversDirectory();
     if (access((directory + "/node_modules/oidc-provider").c_str(), F_OK) != 0) {
         error = "tests/servers/node_modules is missing: run scripts/install-test-deps.sh";
         return;
     }
-    if (!node_.start({"node", "provider.js", "0"}, directory)) {
+    if (!node_.start(arguments, directory)) {
         error = "cannot start node";
         return;
     }
@@ -139,4 +165,31 @@ int LocalProvider::requestCount(std::string const &path) const {
         return 0;
     }
     return counts[path].asInt();
+}
+
+bool LocalProvider::hold(int calls) const {
+    return fetch(base + "/qxss-test/hold/" + std::to_string(calls)) ==
+           "{\"hold\":" + std::to_string(calls) + "}";
+}
+
+namespace {
+
+// The number in a control's answer {"<key>":<n>}, or -1.
+int countIn(std::string const &answer, char const *key) {
+    Json::Value value;
+    Json::Reader reader;
+    if (!reader.parse(answer, value) || !value.isObject() || !value[key].isInt()) {
+        return -1;
+    }
+    return value[key].asInt();
+}
+
+}  // namespace
+
+int LocalProvider::held() const {
+    return countIn(fetch(base + "/qxss-test/held"), "held");
+}
+
+int LocalProvider::release() const {
+    return countIn(fetch(base + "/qxss-test/release"), "released");
 }

@@ -43,8 +43,8 @@ std::string LoginChannel::startServer(WorkerHost &host,
 }
 
 std::string LoginChannel::login(WorkerHost &host, int id, std::string const &session,
-                                std::string const &user) {
-    auto authorization = LoginDriver::authorize(host, id, session, user);
+                                std::string const &user, LocalProvider const *provider) {
+    auto authorization = LoginDriver::authorize(host, id, session, user, provider);
     if (!authorization.ok) {
         return "no code: " + authorization.error;
     }

@@ -6,6 +6,7 @@
 #include <vector>
 
 class FailureServer;
+class LocalProvider;
 class WorkerHost;
 
 // What the login tests through the channel share: a server loaded on a host, a whole login as
@@ -32,9 +33,11 @@ public:
                                    std::vector<LoginDriver::Entry> const &entries);
 
     // Signs `user` in for `session` on configuration `id` and sends "SSO_VERIFY"; the reply
-    // line, or the reason the road broke off before the command.
+    // line, or the reason the road broke off before the command. `provider` as for
+    // LoginDriver::authorize.
     static std::string login(WorkerHost &host, int id, std::string const &session,
-                             std::string const &user = "alice");
+                             std::string const &user = "alice",
+                             LocalProvider const *provider = nullptr);
 
     // Serves a discovery document at "/.well-known/openid-configuration" and under "/v2.0"
     // that names "/auth", "/token", "/me" and "/revoke" under `endpoints` ("http://host:port"),

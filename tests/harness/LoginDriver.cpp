@@ -64,13 +64,14 @@ std::string LoginDriver::authorizationUrl(WorkerHost &host, int id, std::string 
 
 LoginDriver::Authorization LoginDriver::authorize(WorkerHost &host, int id,
                                                   std::string const &session,
-                                                  std::string const &user) {
+                                                  std::string const &user,
+                                                  LocalProvider const *provider) {
     Authorization result;
     std::string url = authorizationUrl(host, id, session, result);
     if (url.empty()) {
         return result;
     }
-    auto login = LocalProvider::shared().login(url, user);
+    auto login = (provider != nullptr ? *provider : LocalProvider::shared()).login(url, user);
     if (!login.ok) {
         result.error = login.error;
         return result;

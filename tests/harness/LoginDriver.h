@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+class LocalProvider;
 class WorkerHost;
 
 // What a host does before "SSO_VERIFY": configuration entries for the local provider, and the
@@ -38,10 +39,11 @@ public:
     // `result.reply` is the SSO_GET_CONFIG reply.
     static std::string authorizationUrl(WorkerHost &host, int id, std::string const &session,
                                         Authorization &result);
-    // authorizationUrl(), then signs in as `user` at the local provider. The code is not yet
-    // used.
+    // authorizationUrl(), then signs in as `user` at the local provider (`provider`, or
+    // LocalProvider::shared() when null). The code is not yet used.
     static Authorization authorize(WorkerHost &host, int id, std::string const &session,
-                                   std::string const &user = "alice");
+                                   std::string const &user = "alice",
+                                   LocalProvider const *provider = nullptr);
     // A fresh 32-character user session from SsoGetUserSession.
     static std::string newSession();
 };

@@ -1,10 +1,13 @@
 // A real OpenID provider on loopback for the libqxss tests.
-//   node provider.js [port]      (0 or nothing: any free port)
+//   node provider.js [port]                      (0 or nothing: any free port)
+//   node provider.js [port] --tls CERT KEY       HTTPS, with HTTP/2 beside HTTP/1.1 (ALPN)
 // Prints one line "READY <base URL>" when it listens. Discovery is served at
 // <base>/.well-known/openid-configuration and, with its own endpoints, under <base>/v2.0.
 // QXSS_PROVIDER_STORE=map in the environment: a store without the default's ~1,000-entry limit
 // (map-adapter.js), for runs that mint hundreds of codes ahead of their use.
+import fs from 'node:fs';
 import http from 'node:http';
+import http2 from 'node:http2';
 import { Readable } from 'node:stream';
 import Provider from 'oidc-provider';
 import MapAdapter from './map-adapter.js';
@@ -138,9 +141,20 @@ async function makeProvider(issuer) {
 //   GET /qxss-test/delay/<ms>           the token, userinfo and revocation endpoints answer
 //                                       each call <ms> milliseconds later (0: at once), as a
 //                                       provider across a network does; sign-in pages do not
+//   GET /qxss-test/hold/<n>             the next <n> calls to those endpoints get no answer
+//                                       (a provider that hangs), until released
+//   GET /qxss-test/held                 {"held": <calls held now>}
+//   GET /qxss-test/release              answers every held call, late; {"released": <n>}
 const requestCounts = {};
 let revocationBody = false;
 let clientCallDelay = 0;
+let toHold = 0;
+const held = [];
+
+function answerJson(res, value) {
+  res.writeHead(200, { 'content-type': 'application/json' });
+  res.end(JSON.stringify(value));
+}
 
 function control(path, res) {
   if (path === '/qxss-test/requests') {
@@ -160,6 +174,22 @@ function control(path, res) {
     clientCallDelay = Number(delay[1]);
     res.writeHead(200, { 'content-type': 'application/json' });
     res.end(JSON.stringify({ delay: clientCallDelay }));
+    return;
+  }
+  const hold = /^\/qxss-test\/hold\/([0-9]+)$/.exec(path);
+  if (hold) {
+    toHold = Number(hold[1]);
+    answerJson(res, { hold: toHold });
+    return;
+  }
+  if (path === '/qxss-test/held') {
+    answerJson(res, { held: held.length });
+    return;
+  }
+  if (path === '/qxss-test/release') {
+    const released = held.splice(0, held.length);
+    for (const handle of released) handle();
+    answerJson(res, { released: released.length });
     return;
   }
   res.writeHead(404);
@@ -186,10 +216,16 @@ function answerRevocationWithBody(res) {
   };
 }
 
-const port = Number(process.argv[2] || 0);
-const server = http.createServer();
+// With --tls the provider answers as the big ones do: TLS with the given certificate, and
+// HTTP/2 to clients that offer it in ALPN, HTTP/1.1 to the others, on the same port.
+const args = process.argv.slice(2);
+const tlsAt = args.indexOf('--tls');
+const tls = tlsAt >= 0 ? { cert: fs.readFileSync(args[tlsAt + 1]), key: fs.readFileSync(args[tlsAt + 2]) } : null;
+if (tlsAt >= 0) args.splice(tlsAt, 3);
+const port = Number(args[0] || 0);
+const server = tls ? http2.createSecureServer({ ...tls, allowHTTP1: true }) : http.createServer();
 server.listen(port, '127.0.0.1', async () => {
-  const base = `http://127.0.0.1:${server.address().port}`;
+  const base = `${tls ? 'https' : 'http'}://127.0.0.1:${server.address().port}`;
   const root = await makeProvider(base);
   const v2 = await makeProvider(`${base}/v2.0`);
   const rootHandler = root.callback();
@@ -212,7 +248,10 @@ server.listen(port, '127.0.0.1', async () => {
         rootHandler(req, res);
       }
     };
-    if (clientCallDelay > 0 && isClientCall(path)) setTimeout(handle, clientCallDelay);
+    if (toHold > 0 && isClientCall(path)) {
+      toHold -= 1;
+      held.push(handle);
+    } else if (clientCallDelay > 0 && isClientCall(path)) setTimeout(handle, clientCallDelay);
     else handle();
   });
   process.stdout.write(`READY ${base}\n`);
