@@ -78,7 +78,9 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "%s\n", plain.error.c_str());
         return 1;
     }
-    worlds.push_back({"http", &plain, 0, 0, nullptr});
+    if (listed(options.transports, "http")) {
+        worlds.push_back({"http", &plain, 0, 0, nullptr});
+    }
     TlsWorld tls;
     if (listed(options.transports, "h1") || listed(options.transports, "h2")) {
         if (tls.start()) {
@@ -201,15 +203,17 @@ int main(int argc, char **argv) {
     // The burst over the dearest transport there is: each connection costs a TLS handshake.
     Burst burst;
     if (options.burst > 0) {
-        World const *target = &worlds.front();
+        World const *target = nullptr;
         for (auto const &world : worlds) {
-            target = world.transport == "h1" ? &world : target;
+            target = target == nullptr || world.transport == "h1" ? &world : target;
         }
-        burst = runBurst(*target->provider, host, target->refreshOn, options.burst);
+        burst = target == nullptr ? Burst{}
+                                  : runBurst(*target->provider, host, target->refreshOn,
+                                             options.burst);
         std::printf(
             "burst over %s: %d of %d logins at once under 1,024 descriptors succeeded in %.2f s; "
             "descriptors %zu before, at most %zu during, %zu after\n",
-            target->transport.c_str(), burst.ok, burst.logins, burst.seconds, burst.before,
+            target != nullptr ? target->transport.c_str() : "nothing", burst.ok, burst.logins, burst.seconds, burst.before,
             burst.peak, burst.after);
     }
     std::vector<std::pair<std::string, Memory>> memories;

@@ -79,10 +79,18 @@ void writeFile(std::string const &path, std::string const &text) {
     file << text;
 }
 
-TEST(CaStoreTest, ChangedBundleIsParsedAgainForTheNextNewConnection) {
-    FailureServer server(true);
-    ASSERT_NE(server.port, 0);
-    server.on("/x", 200, "{}");
+// A TLS server with a certificate that nothing trusts unless a test says so.
+class CaStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(server.port, 0);
+        server.on("/x", 200, "{}");
+    }
+
+    FailureServer server{true};
+};
+
+TEST_F(CaStoreTest, ChangedBundleIsParsedAgainForTheNextNewConnection) {
     TempDir directory("castore");
     std::string trusted = serverCertificate(server);
     std::string other = otherCertificate(directory.path);
@@ -109,10 +117,7 @@ TEST(CaStoreTest, ChangedBundleIsParsedAgainForTheNextNewConnection) {
     EXPECT_EQ(store.parses, before + 3);
 }
 
-TEST(CaStoreTest, MissingBundleFailsTheConnection) {
-    FailureServer server(true);
-    ASSERT_NE(server.port, 0);
-    server.on("/x", 200, "{}");
+TEST_F(CaStoreTest, MissingBundleFailsTheConnection) {
     TempDir directory("castore");
     EXPECT_NE(connectTrusting(server.url("/x"), directory.path + "/none.pem"), CURLE_OK);
 }
@@ -128,10 +133,7 @@ CaTrust const *trustOf(std::string const &file) {
     return nullptr;
 }
 
-TEST(CaStoreTest, DiscoveryParsesItsBundleOnceAndStillRefusesAnUntrustedServer) {
-    FailureServer server(true);
-    ASSERT_NE(server.port, 0);
-    server.on("/x", 200, "{}");
+TEST_F(CaStoreTest, DiscoveryParsesItsBundleOnceAndStillRefusesAnUntrustedServer) {
     CurlRequest network;
     ASSERT_TRUE(network.init(3));
     LogCapture log;
@@ -147,10 +149,7 @@ TEST(CaStoreTest, DiscoveryParsesItsBundleOnceAndStillRefusesAnUntrustedServer) 
     EXPECT_EQ(log.count("CurlRequest: Request completed with code: 60.\n"), 3u);
 }
 
-TEST(CaStoreTest, BlockingRequestTrustsLibcurlsBuiltInBundleParsedOnce) {
-    FailureServer server(true);
-    ASSERT_NE(server.port, 0);
-    server.on("/x", 200, "{}");
+TEST_F(CaStoreTest, BlockingRequestTrustsLibcurlsBuiltInBundleParsedOnce) {
     SsoRequest request;
     ASSERT_TRUE(request.init(3));
     LogCapture log;
