@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -133,19 +134,29 @@ CaTrust const *trustOf(std::string const &file) {
     return nullptr;
 }
 
+// Runs `attempt` three times, each a new connection to the untrusted server: every one is
+// refused, and after the first no bundle is parsed again. Then the trust of `file` holds a
+// parsed store.
+void expectRefusedWithOneParse(std::function<std::string()> const &attempt,
+                               std::string const &file) {
+    EXPECT_EQ(attempt(), "");
+    unsigned long parses = CaStore::getStore().parses;
+    EXPECT_EQ(attempt(), "");
+    EXPECT_EQ(attempt(), "");
+    EXPECT_EQ(CaStore::getStore().parses, parses);
+    CaTrust const *trust = trustOf(file);
+    ASSERT_NE(trust, nullptr);
+    EXPECT_NE(trust->store, nullptr);
+}
+
 TEST_F(CaStoreTest, DiscoveryParsesItsBundleOnceAndStillRefusesAnUntrustedServer) {
     CurlRequest network;
     ASSERT_TRUE(network.init(3));
     LogCapture log;
-    EXPECT_EQ(network.syncRequest(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr), "");
-    unsigned long parses = CaStore::getStore().parses;
-    EXPECT_EQ(network.syncRequest(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr), "");
-    EXPECT_EQ(network.syncRequest(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr), "");
+    expectRefusedWithOneParse(
+        [&] { return network.syncRequest(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr); },
+        "/etc/ssl/certs/ca-certificates.crt");
     network.cleanUp();
-    EXPECT_EQ(CaStore::getStore().parses, parses);
-    CaTrust const *trust = trustOf("/etc/ssl/certs/ca-certificates.crt");
-    ASSERT_NE(trust, nullptr);
-    EXPECT_NE(trust->store, nullptr);
     EXPECT_EQ(log.count("CurlRequest: Request completed with code: 60.\n"), 3u);
 }
 
@@ -153,15 +164,13 @@ TEST_F(CaStoreTest, BlockingRequestTrustsLibcurlsBuiltInBundleParsedOnce) {
     SsoRequest request;
     ASSERT_TRUE(request.init(3));
     LogCapture log;
+    // The built-in paths are learnt by the first request.
     EXPECT_EQ(request.request(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr), "");
-    unsigned long parses = CaStore::getStore().parses;
-    EXPECT_EQ(request.request(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr), "");
-    request.cleanUp();
-    EXPECT_EQ(CaStore::getStore().parses, parses);
     ASSERT_TRUE(CaStore::getStore().builtInKnown);
-    CaTrust const *trust = trustOf(CaStore::getStore().builtInFile);
-    ASSERT_NE(trust, nullptr);
-    EXPECT_NE(trust->store, nullptr);
+    expectRefusedWithOneParse(
+        [&] { return request.request(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr); },
+        CaStore::getStore().builtInFile);
+    request.cleanUp();
     EXPECT_EQ(log.count("SsoRequest: Sso request success.\n"), 0u);
 }
 
