@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -204,6 +205,14 @@ bool CurlRequest::processRequests() {
             Log() << "CurlRequest: ERROR! Failed to set URL.\n";
             startFailed(request);
             continue;
+        }
+        // A burst of transfers to a provider that speaks HTTP/2 waits for the connection being
+        // made and shares it, instead of each opening its own. Over TLS only: there the
+        // handshake tells at once whether a connection multiplexes; over plain HTTP only the
+        // first answer would, and a first request that is never answered would hold every
+        // later transfer back.
+        if (std::strncmp(request->url, "https://", 8) == 0) {
+            curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);
         }
         if (request->headers != nullptr && !request->headers->empty() &&
             !setHeaders(handle, request->headers, request->headerList)) {

@@ -5,7 +5,9 @@
 #include "platform/Log.h"
 #include "platform/Strings.h"
 #include "support/SsoValidation.h"
+#include "transport/CaStore.h"
 #include "transport/CurlRequest.h"
+#include "transport/CurlShare.h"
 
 #include <cstring>
 #include <memory>
@@ -141,6 +143,7 @@ void SsoRequest::cleanUp() {
         Log() << "SsoRequest: WARNING! Curl was never initialized before.\n";
         return;
     }
+    CurlShare::getShare().close();
     curl_global_cleanup();
     delete[] errorBuffer;
     errorBuffer = nullptr;
@@ -253,6 +256,7 @@ bool SsoRequest::setOptions(void *handle, httpMethod method) {
         return setFailed("Set preferred TLS/SSL version for");
     }
     // The platform's own trust store first; a bundle file only where libcurl refuses that.
+    // Either way the trust is parsed once for the process, not by libcurl per connection.
     if (curl_easy_setopt(handle, CURLOPT_SSL_OPTIONS,
                          static_cast<long>(CURLSSLOPT_NATIVE_CA | CURLSSLOPT_NO_PARTIALCHAIN)) !=
         CURLE_OK) {
@@ -264,7 +268,10 @@ bool SsoRequest::setOptions(void *handle, httpMethod method) {
                   << " sso request handler.\n";
             return false;
         }
-        curl_easy_setopt(handle, CURLOPT_CAINFO, path.c_str());
+        CaStore::getStore().trustOn(handle, path.c_str());
+    } else {
+        // With no file of its own, this libcurl build trusts its built-in bundle and directory.
+        CaStore::getStore().trustOn(handle, nullptr);
     }
     if (curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L) != CURLE_OK) {
         return setFailed("Set TLS/SSL strict host name verification for");
@@ -424,6 +431,9 @@ std::string SsoRequest::request(httpMethod method, char const *url,
         return std::string();
     }
     CURL *easy = handle.get();
+    // Connections and TLS sessions kept from earlier blocking requests; without the share
+    // the request simply opens its own connection.
+    CurlShare::getShare().join(easy);
     curl_slist *rawList = nullptr;
     std::string body;
     bool ready = false;

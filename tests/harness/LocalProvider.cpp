@@ -57,12 +57,17 @@ LocalProvider::LocalProvider() {
     start({"node", "provider.js", "0"});
 }
 
-LocalProvider::LocalProvider(std::string const &certificate, std::string const &key) {
+LocalProvider::LocalProvider(std::string const &certificate, std::string const &key,
+                             bool http2) {
     if (certificate.empty() || key.empty()) {
         error = TestCa::why();
         return;
     }
-    start({"node", "provider.js", "0", "--tls", certificate, key});
+    std::vector<std::string> arguments = {"node", "provider.js", "0", "--tls", certificate, key};
+    if (!http2) {
+        arguments.push_back("--http1");
+    }
+    start(arguments);
 }
 
 void LocalProvider::start(std::vector<std::string> const &arguments) {

@@ -26,8 +26,9 @@ public:
     static LocalProvider &sharedHttps();
 
     LocalProvider();
-    // HTTPS with the PEM files `certificate` and `key` (HTTP/2 and HTTP/1.1 by ALPN).
-    LocalProvider(std::string const &certificate, std::string const &key);
+    // HTTPS with the PEM files `certificate` and `key` (HTTP/2 and HTTP/1.1 by ALPN; HTTP/1.1
+    // alone when `http2` is false).
+    LocalProvider(std::string const &certificate, std::string const &key, bool http2 = true);
     ~LocalProvider();
 
     // True once the provider answered; else `error` says why.

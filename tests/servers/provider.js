@@ -1,6 +1,8 @@
 // A real OpenID provider on loopback for the libqxss tests.
 //   node provider.js [port]                      (0 or nothing: any free port)
 //   node provider.js [port] --tls CERT KEY       HTTPS, with HTTP/2 beside HTTP/1.1 (ALPN)
+//   node provider.js [port] --tls CERT KEY --http1   HTTPS with HTTP/1.1 only, as some
+//                                                    providers and their proxies still serve
 // Prints one line "READY <base URL>" when it listens. Discovery is served at
 // <base>/.well-known/openid-configuration and, with its own endpoints, under <base>/v2.0.
 // QXSS_PROVIDER_STORE=map in the environment: a store without the default's ~1,000-entry limit
@@ -8,6 +10,7 @@
 import fs from 'node:fs';
 import http from 'node:http';
 import http2 from 'node:http2';
+import https from 'node:https';
 import { Readable } from 'node:stream';
 import Provider from 'oidc-provider';
 import MapAdapter from './map-adapter.js';
@@ -223,8 +226,12 @@ const args = process.argv.slice(2);
 const tlsAt = args.indexOf('--tls');
 const tls = tlsAt >= 0 ? { cert: fs.readFileSync(args[tlsAt + 1]), key: fs.readFileSync(args[tlsAt + 2]) } : null;
 if (tlsAt >= 0) args.splice(tlsAt, 3);
+const http1At = args.indexOf('--http1');
+if (http1At >= 0) args.splice(http1At, 1);
 const port = Number(args[0] || 0);
-const server = tls ? http2.createSecureServer({ ...tls, allowHTTP1: true }) : http.createServer();
+const server = !tls ? http.createServer()
+  : http1At >= 0 ? https.createServer(tls)
+  : http2.createSecureServer({ ...tls, allowHTTP1: true });
 server.listen(port, '127.0.0.1', async () => {
   const base = `${tls ? 'https' : 'http'}://127.0.0.1:${server.address().port}`;
   const root = await makeProvider(base);
