@@ -118,8 +118,8 @@ TEST_F(HostMisuseTest, DestroyWithFlowsInFlightReturnsAtOnceAndAStartAfterItWork
     host.stop();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
     EXPECT_TRUE(log.has("Sso: Destroying sso environment.\n"));
-    // The flows in flight answer nothing.
-    EXPECT_EQ(host.readFor(300), "");
+    // The flows in flight answer nothing: the old worker has ended, so whatever it wrote is
+    // already in the channel, ahead of the fence's reply from the new one.
     ASSERT_EQ(host.start(), 0);
     EXPECT_EQ(host.repliesBeforeFence(), "");
 }
