@@ -48,7 +48,7 @@ class BlockingFlowsTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_NE(idp.port, 0);
-        ASSERT_TRUE(SsoRequest::getNetwork().init(3));
+        ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
         idp.on("/token", 200, kTokens);
         idp.on("/me", 200, kUserInfo);
         idp.on("/revoke", 200, "{}");

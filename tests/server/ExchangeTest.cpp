@@ -68,7 +68,7 @@ class ExchangeTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_NE(idp.port, 0);
-        ASSERT_TRUE(SsoRequest::getNetwork().init(3));
+        ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
         idp.on("/token", 200, kTokens);
     }
     void TearDown() override {

@@ -69,7 +69,7 @@ class RevocationTest : public ::testing::Test {
 protected:
     void SetUp() override {
         network.cleanUp();
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
         log.clear();
     }
     void TearDown() override {
@@ -224,8 +224,8 @@ TEST_F(RevocationTest, NoRevocationEndpointInDiscoveryFailsTheStep) {
     config->idpDomain = idp.url();
     CurlRequest &discovery = CurlRequest::getNetwork();
     discovery.cleanUp();
-    ASSERT_TRUE(discovery.init(3));
-    server.machineType = 0;
+    ASSERT_TRUE(discovery.init(CURL_GLOBAL_ALL));
+    server.machineType = SsoServer::kMachineServer;
     bool loaded = server.loadConfigsMetadata();
     discovery.cleanUp();
     ASSERT_TRUE(loaded);

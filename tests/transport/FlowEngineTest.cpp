@@ -122,7 +122,7 @@ protected:
     void SetUp() override {
         // Built before any capture, so that its first use logs nothing into a test's lines.
         SsoServer::getServer();
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     }
     void TearDown() override { network.cleanUp(); }
 
@@ -622,7 +622,7 @@ TEST(FlowEngineIdleTest, PerformBeforeInitReturnsZeroAndTouchesNothing) {
 
 TEST(FlowEngineIdleTest, PerformAfterCleanUpReturnsZero) {
     CurlRequest network;
-    ASSERT_TRUE(network.init(3));
+    ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     ASSERT_TRUE(network.startNodeVerifyFlow("s-cut", nodeConfig("http://127.0.0.1:1/me")));
     network.cleanUp();
     LogCapture log;
