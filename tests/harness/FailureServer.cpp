@@ -231,6 +231,7 @@ void FailureServer::serve(int fd) {
         std::lock_guard<std::mutex> lock(mutex_);
         recorded = requests_.size();
         requests_.push_back(request);
+        arrived_.notify_all();
     }
     Reply reply = replyFor(request.target);
     if (reply.mode == Mode::Hang) {
@@ -269,4 +270,15 @@ void FailureServer::serve(int fd) {
         }
     }
     close(fd);
+}
+
+bool FailureServer::Request::hasHeader(std::string const &line) const {
+    std::string const block = "\r\n" + headers + "\r\n";
+    return block.find("\r\n" + line + "\r\n") != std::string::npos;
+}
+
+bool FailureServer::waitForRequests(size_t count, int ms) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return arrived_.wait_for(lock, std::chrono::milliseconds(ms),
+                             [this, count] { return requests_.size() >= count; });
 }

@@ -41,18 +41,6 @@ Lines layer(LogCapture const &log, std::string const &prefix = "CurlRequest: ") 
     return kept;
 }
 
-// Polls a condition on a server's state (not a log line) for at most `ms`.
-bool eventually(std::function<bool()> const &condition, int ms = 5000) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 // Answers the first connection with fixed bytes, whatever was asked, and closes it: for
 // answers that FailureServer does not write, such as a body shorter than announced.
 class RawServer {
@@ -482,7 +470,7 @@ TEST_F(FlowEngineTest, TwoFlowsComeOutInTheOrderTheyEnded) {
     ASSERT_GT(turnsUntilResults(1), 0);
     ASSERT_EQ(network.completedFlows.size(), 1u);
     EXPECT_EQ(network.completedFlows[0].sessionId, "s-started-second");
-    ASSERT_TRUE(eventually([&] { return slow->requests().size() == 1; }));
+    ASSERT_TRUE(slow->waitForRequests(1));
     EXPECT_TRUE(network.hasActiveFlow("s-started-first"));
     slow.reset();  // closes the held connection: that flow ends now, with a libcurl error
     ASSERT_GT(turnsUntilResults(2), 0);
@@ -652,7 +640,7 @@ TEST_F(WorkerRestartTest, StopWithAFlowInFlightThenANewWorkerServes) {
     host.send("SSO_NODE_VERIFY|" + nodeConfig(server.url("/hang")) + "|s-held\n");
     ASSERT_TRUE(log.waitFor("CurlRequest: Starting node verify flow for session 's-held'.\n"));
     ASSERT_TRUE(log.waitForPiece(" now in flight.\n"));
-    ASSERT_TRUE(eventually([&] { return server.requests().size() == 1; }));
+    ASSERT_TRUE(server.waitForRequests(1));
     host.stop();
     // The held flow ends with the worker, without a reply: the old worker has ended, so the
     // first line after the restart is the new one's.

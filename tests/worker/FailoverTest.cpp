@@ -71,10 +71,7 @@ protected:
             log.waitFor("Sso: Started async node verify flow successfully for user session: '" +
                         session + "'.\n"));
         // The transfer has reached the endpoint, so that letting go of it ends the flow.
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (hangs->requests().size() == before && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        ASSERT_TRUE(hangs->waitForRequests(before + 1));
         ASSERT_EQ(hangs->requests().size(), before + 1);
     }
 
