@@ -112,15 +112,27 @@ async function main() {
   const configDir = mkdtempSync(path.join(os.tmpdir(), 'qxss-webapp-'));
   const providerStarted = await start('node', ['provider.js', '0'], { cwd: serversDir }, /^READY /);
   const base = providerStarted.line.split(' ')[1];
-  const port = await freePort();
-  const app = `http://127.0.0.1:${port}`;
-  writeFileSync(path.join(configDir, 'sso.cfg'), JSON.stringify(configuration(base, port), null, 2));
+  // The port must be in the configuration before the application starts, so it is chosen
+  // free and then bound by the application; another program may take it in between, and then
+  // the application cannot listen and ends: the next try takes another port.
   const libraryLog = path.join(shotsDir, 'library.log');
-  const webapp = (
-    await start(program, ['--port', String(port), '--timeout-ms', '3000', '--log', libraryLog], {
-      env: { ...process.env, QXSS_WEBAPP_CONFIG_DIR: configDir },
-    }, /listening on/)
-  ).child;
+  let port;
+  let webapp;
+  for (let attempt = 1; !webapp; attempt += 1) {
+    port = await freePort();
+    writeFileSync(path.join(configDir, 'sso.cfg'), JSON.stringify(configuration(base, port), null, 2));
+    try {
+      webapp = (
+        await start(program, ['--port', String(port), '--timeout-ms', '3000', '--log', libraryLog], {
+          env: { ...process.env, QXSS_WEBAPP_CONFIG_DIR: configDir },
+        }, /listening on/)
+      ).child;
+    } catch (error) {
+      if (attempt === 5) throw error;
+      console.log(`port ${port} was taken (${error.message}); trying another`);
+    }
+  }
+  const app = `http://127.0.0.1:${port}`;
 
   const browser = await puppeteer.launch({
     executablePath: chromium,
