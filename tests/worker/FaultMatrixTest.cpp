@@ -11,6 +11,7 @@
 #include "tests/harness/WorkerHost.h"
 
 #include <arpa/inet.h>
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -116,11 +117,12 @@ Cause causeOf(Fault fault) {
         case Fault::Status500:
             return {failed + "HTTP error: {\"error\":\"server_error\"}' HTTP: 500.\n", ""};
         case Fault::Refused:
-            return {failed + "Curl error: Couldn't connect to server' HTTP: 0.\n", ""};
+            return {failed + "Curl error: " + curl_easy_strerror(CURLE_COULDNT_CONNECT) +
+                        "' HTTP: 0.\n",
+                    ""};
         case Fault::UntrustedTls:
-            return {failed +
-                        "Curl error: SSL peer certificate or SSH remote key was not OK' "
-                        "HTTP: 0.\n",
+            return {failed + "Curl error: " + curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION) +
+                        "' HTTP: 0.\n",
                     ""};
         case Fault::Reset:
         case Fault::KilledMidFlow:
