@@ -1,5 +1,6 @@
 #include "tests/harness/FailureServer.h"
 
+#include "tests/harness/LoopbackSocket.h"
 #include "tests/harness/TempDir.h"
 
 #include <arpa/inet.h>
@@ -70,20 +71,10 @@ FailureServer::FailureServer(bool useTls) : tls(useTls) {
             return;
         }
     }
-    listenFd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    socklen_t length = sizeof address;
-    if (listenFd_ < 0 ||
-        bind(listenFd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        listen(listenFd_, 64) != 0 ||
-        getsockname(listenFd_, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+    listenFd_ = LoopbackSocket::open(64, port);
+    if (listenFd_ < 0) {
         return;
     }
-    port = ntohs(address.sin_port);
     acceptor_ = std::thread([this] { acceptLoop(); });
 }
 

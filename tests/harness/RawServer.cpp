@@ -1,6 +1,8 @@
 // The one-answer server of tests/harness/RawServer.h.
 #include "tests/harness/RawServer.h"
 
+#include "tests/harness/LoopbackSocket.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -9,18 +11,10 @@
 #include <utility>
 
 RawServer::RawServer(std::string answer) : answer_(std::move(answer)) {
-    listenFd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listenFd_ < 0 ||
-        bind(listenFd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        listen(listenFd_, 4) != 0 ||
-        getsockname(listenFd_, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+    listenFd_ = LoopbackSocket::open(4, port);
+    if (listenFd_ < 0) {
         return;
     }
-    port = ntohs(address.sin_port);
     thread_ = std::thread([this] { serveOne(); });
 }
 

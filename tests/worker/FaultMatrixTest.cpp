@@ -7,14 +7,12 @@
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LogCapture.h"
 #include "tests/harness/LoginChannel.h"
+#include "tests/harness/LoopbackSocket.h"
 #include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
 
-#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -157,17 +155,10 @@ protected:
         if (fault == Fault::Refused) {
             // A port bound and never listened on: every connection is refused, and no other
             // program can take the port while the test holds it.
-            held = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            struct sockaddr_in address = {};
-            address.sin_family = AF_INET;
-            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            socklen_t length = sizeof address;
-            if (held < 0 || bind(held, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-                getsockname(held, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
-                ADD_FAILURE() << "no port to refuse connections on";
-                return "http://127.0.0.1:1";
-            }
-            return "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+            int port = 0;
+            held = LoopbackSocket::open(-1, port);
+            EXPECT_GE(held, 0) << "no port to refuse connections on";
+            return "http://127.0.0.1:" + std::to_string(port);
         }
         endpoints = std::make_unique<FailureServer>(fault == Fault::UntrustedTls);
         endpoints->on("/token", replyFor(fault));
