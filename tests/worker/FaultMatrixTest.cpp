@@ -130,7 +130,7 @@ Cause causeOf(Fault fault) {
         case Fault::EmptyBody:
             break;
     }
-    return {failed, "' HTTP: "};
+    return {failed, ".\n"};
 }
 
 // The command's name, and the piece of its "started" log line.
