@@ -11,7 +11,7 @@ namespace {
 
 // The guards treat every machine type but node (1) as allowed, "not set" included.
 bool isNode() {
-    return SsoServer::getServer().machineType == 1;
+    return SsoServer::getServer().machineType == SsoServer::kMachineNode;
 }
 
 char const *orNil(char const *text) {
@@ -37,14 +37,14 @@ int SsoActions::initialize() {
         return -1;
     }
     Log() << "SsoActions: Initializing CurlRequest.\n";
-    if (!CurlRequest::getNetwork().init(3)) {
+    if (!CurlRequest::getNetwork().init(CURL_GLOBAL_ALL)) {
         Log() << "SsoActions: ERROR! CurlRequest initialization failed.\n";
         return -1;
     }
     Log() << "SsoActions: CurlRequest initialized successfully.\n";
     // The blocking road (failover, revocation) needs its own request object ready too.
     Log() << "SsoActions: Initializing SsoRequest.\n";
-    if (!SsoRequest::getNetwork().init(3)) {
+    if (!SsoRequest::getNetwork().init(CURL_GLOBAL_ALL)) {
         Log() << "SsoActions: ERROR! SsoRequest initialization failed.\n";
         return -1;
     }

@@ -14,6 +14,9 @@ public:
     // time-out, -1 on failure, else bit 1 for `first` and bit 2 for `second`. Hang-up or an
     // error on a descriptor counts as readable, so that the next read reports it.
     static int wait(int first, int second, int ms);
+    // The bits of wait's result.
+    static constexpr int kFirstReady = 1;
+    static constexpr int kSecondReady = 2;
 
     // Closes a descriptor and remembers that the platform closed it. A number closed this way
     // before is left alone (-1, errno EBADF).

@@ -20,7 +20,7 @@ run_suite() {
     GTEST_RANDOM_SEED=$seed ctest --test-dir "$dir" --output-on-failure -j"$jobs"
 }
 
-run_suite build
+run_suite build -DQXSS_WERROR=ON
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-    run_suite build-asan -DQXSS_SANITIZE=ON -DQXSS_BENCH=OFF
+    run_suite build-asan -DQXSS_WERROR=ON -DQXSS_SANITIZE=ON -DQXSS_BENCH=OFF
 echo "test.sh: all tests passed in both builds (shuffle seed $seed)"

@@ -12,7 +12,7 @@ scripts/install-deps.sh
 
 build=build-tsan
 programs=(worker actions transport)
-cmake -S . -B "$build" -DQXSS_SANITIZE=thread -DQXSS_BENCH=OFF >/dev/null
+cmake -S . -B "$build" -DQXSS_SANITIZE=thread -DQXSS_WERROR=ON -DQXSS_BENCH=OFF >/dev/null
 cmake --build "$build" -j"$(nproc)" --target "${programs[@]/#/test_}"
 
 # halt_on_error: the first race fails the program, with both stacks in its output.

@@ -51,7 +51,7 @@ bool SsoServer::setMachineType() {
     int exists = FileIsEntity(file.c_str());
     if (exists == 0) {
         Log() << "SsoServer: File '" << file << "' doesn't exist. Machine type set to 'node'.\n";
-        machineType = 1;
+        machineType = kMachineNode;
         // A node keeps no configuration at all.
         configPath.clear();
         reserved.clear();
@@ -69,11 +69,11 @@ bool SsoServer::setMachineType() {
     }
     if (exists == -1) {
         Log() << "SsoServer: ERROR! Can't set machine type. No access to file: '" << file << "'\n";
-        machineType = -1;
+        machineType = kMachineUnset;
         return false;
     }
     Log() << "SsoServer: File '" << file << "' exist. Machine type set to 'server'.\n";
-    machineType = 0;
+    machineType = kMachineServer;
     return true;
 }
 

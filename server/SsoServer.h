@@ -105,9 +105,13 @@ public:
     bool validateOAuthAuthzInfo(OAuthAuthzInfo const &info) const;
     bool validateOAuthRefreshInfo(OAuthRefreshInfo const &info) const;
 
-    // -1 not set, 0 server, 1 node. Atomic: the host's thread reads it (SsoGetUserLoginOptions)
-    // while the worker may be deciding it anew.
-    std::atomic<int32_t> machineType{-1};
+    // The values of machineType.
+    static constexpr int32_t kMachineUnset = -1;
+    static constexpr int32_t kMachineServer = 0;
+    static constexpr int32_t kMachineNode = 1;
+    // kMachineUnset, kMachineServer or kMachineNode. Atomic: the host's thread reads it
+    // (SsoGetUserLoginOptions) while the worker may be deciding it anew.
+    std::atomic<int32_t> machineType{kMachineUnset};
     std::string configPath;
     std::string reserved;
     std::string loginOptions;

@@ -155,7 +155,7 @@ bool validEntry(Json::Value const &entry) {
 }  // namespace
 
 bool SsoServer::loadConfigsJson() {
-    if (machineType == -1) {
+    if (machineType == kMachineUnset) {
         Log() << "SsoServer: ERROR! Can't load configuration file. Machine type is not set.\n";
         return false;
     }

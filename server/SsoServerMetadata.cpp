@@ -4,7 +4,7 @@
 #include "transport/CurlRequest.h"
 
 bool SsoServer::loadConfigsMetadata() {
-    if (machineType == -1) {
+    if (machineType == kMachineUnset) {
         Log() << "SsoServer: ERROR! Can't load metadata. Machine type is not set.\n";
         return false;
     }

@@ -15,6 +15,8 @@ namespace {
 
 constexpr size_t kReadSize = 5680;
 constexpr int kWaitMilliseconds = 50;
+// The kind of thread ThreadInit prepares: the library's worker.
+constexpr int kWorkerThreadKind = 104;
 
 // Runs one step of the turn; a throw is logged and the turn goes on.
 template <typename Step>
@@ -42,7 +44,7 @@ void *loop(void *argument) {
     SsoWorkerInfo const &info = *static_cast<SsoWorkerInfo *>(argument);
     Log() << "Sso: Worker thread " << info.threadId << " started job with I/O FD: " << info.ioFd
           << " internal FD#" << info.internalReadFd << " and FD#" << info.internalWriteFd << ".\n";
-    ThreadInit(104);
+    ThreadInit(kWorkerThreadKind);
 
     std::string lineCarry;
     char buffer[kReadSize];
@@ -63,12 +65,12 @@ void *loop(void *argument) {
             break;
         }
         Log() << "Sso: Worker thread " << info.threadId << " received event from waiter.\n";
-        if (ready == 1 || ready == 3) {
+        if (ready == Io::kFirstReady || ready == (Io::kFirstReady | Io::kSecondReady)) {
             // A stop request wins over pending input.
             Log() << "Sso: Worker thread " << info.threadId << " received exit message.\n";
             break;
         }
-        if (ready != 2) {
+        if (ready != Io::kSecondReady) {
             continue;
         }
 

@@ -14,6 +14,10 @@ int32_t ticks = 0;
 namespace {
 
 constexpr uint64_t kNoThread = UINT64_MAX;
+// TimedOperations runs once a worker turn, so these count turns: every 6,000th drops the idle
+// dynamic handles, and the 30,000th forgets aged refresh records and starts the count anew.
+constexpr int32_t kHandlerCleanupTicks = 6000;
+constexpr int32_t kTokenCleanupTicks = 30000;
 
 SsoWorkerInfo workerInfo = {kNoThread, kNoThread, -1, -1, -1};
 
@@ -95,11 +99,11 @@ void SsoDestroy() {
 void TimedOperations() {
     int32_t next = ticks + 1;
     ticks = next;
-    if (next % 6000 == 0) {
+    if (next % kHandlerCleanupTicks == 0) {
         CurlRequest::getNetwork().cleanupDynamicHandlers();
         return;
     }
-    if (next > 29999) {
+    if (next >= kTokenCleanupTicks) {
         SsoServer::getServer().cleanTokens();
         ticks = 0;
     }

@@ -23,7 +23,7 @@ class LoginActionsGuardsTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_NE(idp.port, 0);
-        ASSERT_TRUE(SsoRequest::getNetwork().init(3));
+        ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
         saved = server.machineType;
         idp.on("/token", 200,
                "{\"access_token\":\"at-1\",\"id_token\":\"id-1\",\"refresh_token\":\"rt-1\"}");
@@ -62,7 +62,7 @@ protected:
 };
 
 TEST_F(LoginActionsGuardsTest, NodeRefusesVerifyAndRefreshBeforeTheEngine) {
-    server.machineType = 1;
+    server.machineType = SsoServer::kMachineNode;
     EXPECT_EQ(SsoActions::verifyLogin("code", "sess"), nullptr);
     EXPECT_EQ(SsoActions::refreshLogin("uuid", "value"), nullptr);
     EXPECT_EQ(log.lines(),
@@ -76,7 +76,7 @@ TEST_F(LoginActionsGuardsTest, NodeRefusesVerifyAndRefreshBeforeTheEngine) {
 }
 
 TEST_F(LoginActionsGuardsTest, NodeLoginIsRefusedOnAServerAndWhenTheTypeIsNotSet) {
-    for (int32_t type : {0, -1}) {
+    for (int32_t type : {SsoServer::kMachineServer, SsoServer::kMachineUnset}) {
         SCOPED_TRACE(type);
         server.machineType = type;
         log.clear();
@@ -89,7 +89,7 @@ TEST_F(LoginActionsGuardsTest, NodeLoginIsRefusedOnAServerAndWhenTheTypeIsNotSet
 }
 
 TEST_F(LoginActionsGuardsTest, NodeLoginPassesOnANode) {
-    server.machineType = 1;
+    server.machineType = SsoServer::kMachineNode;
     std::string const config = node();
     EXPECT_EQ(taken(SsoActions::nodeLogin(config.c_str(), "s")), "alice|s");
     EXPECT_EQ(log.lines().front(), "SsoActions: Start node login. Received node configuration: '" +
@@ -99,7 +99,7 @@ TEST_F(LoginActionsGuardsTest, NodeLoginPassesOnANode) {
 }
 
 TEST_F(LoginActionsGuardsTest, VerifyAndRefreshPassTheirGuardsWhenTheTypeIsNotSet) {
-    server.machineType = -1;
+    server.machineType = SsoServer::kMachineUnset;
     std::string token = taken(SsoActions::verifyLogin("code-1", "sess"));
     EXPECT_EQ(token.compare(0, 6, "alice|"), 0) << token;
     EXPECT_EQ(log.lines().front(),
@@ -116,10 +116,10 @@ TEST_F(LoginActionsGuardsTest, VerifyAndRefreshPassTheirGuardsWhenTheTypeIsNotSe
 }
 
 TEST_F(LoginActionsGuardsTest, AFailedEngineCallAddsTheOperationsOwnLine) {
-    server.machineType = 0;
+    server.machineType = SsoServer::kMachineServer;
     EXPECT_EQ(SsoActions::verifyLogin("code", "nobody"), nullptr);
     EXPECT_EQ(SsoActions::refreshLogin("uuid", "nobody"), nullptr);
-    server.machineType = 1;
+    server.machineType = SsoServer::kMachineNode;
     EXPECT_EQ(SsoActions::nodeLogin("{}", "s"), nullptr);
     EXPECT_TRUE(log.hasInOrder({
         "SsoServer: ERROR! Login information doesn't exist for specified session token.\n",
@@ -133,7 +133,7 @@ TEST_F(LoginActionsGuardsTest, AFailedEngineCallAddsTheOperationsOwnLine) {
 
 TEST_F(LoginActionsGuardsTest, WithoutTheBlockingTransportEveryRoadEndsInFailure) {
     SsoRequest::getNetwork().cleanUp();
-    server.machineType = 0;
+    server.machineType = SsoServer::kMachineServer;
     log.clear();
     EXPECT_EQ(SsoActions::verifyLogin("code", "sess"), nullptr);
     EXPECT_TRUE(log.hasInOrder({
@@ -144,13 +144,13 @@ TEST_F(LoginActionsGuardsTest, WithoutTheBlockingTransportEveryRoadEndsInFailure
     }));
     EXPECT_EQ(SsoActions::refreshLogin("uuid", "value"), nullptr);
     EXPECT_TRUE(log.has("SsoActions: ERROR! Refresh login failed.\n"));
-    server.machineType = 1;
+    server.machineType = SsoServer::kMachineNode;
     EXPECT_EQ(SsoActions::nodeLogin(node().c_str(), "s"), nullptr);
     EXPECT_TRUE(log.hasInOrder(
         {"SsoServer: ERROR! Final user is empty.\n", "SsoActions: ERROR! Node login failed.\n"}));
     EXPECT_TRUE(idp.requests().empty());
     // Put back for TearDown, which cleans up after every test.
-    ASSERT_TRUE(SsoRequest::getNetwork().init(3));
+    ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
 }
 
 }  // namespace

@@ -315,7 +315,7 @@ TEST(SsoActionsTest, InitializeFailsWhenTheTransportIsUp) {
     // The blocking request logs its construction once per process; make it
     // here so the lines below do not depend on which test ran first.
     SsoRequest::getNetwork();
-    ASSERT_TRUE(CurlRequest::getNetwork().init(3));
+    ASSERT_TRUE(CurlRequest::getNetwork().init(CURL_GLOBAL_ALL));
     LogCapture log;
     EXPECT_EQ(SsoActions::initialize(), -1);
     EXPECT_TRUE(log.hasInOrder({"CurlRequest: ERROR! Already initialized.\n",
@@ -352,10 +352,10 @@ TEST(SsoActionsTest, GuardsReadOnlyTheNodeType) {
     SsoServer &server = SsoServer::getServer();
     int32_t saved = server.machineType;
     LogCapture log;
-    server.machineType = -1;
+    server.machineType = SsoServer::kMachineUnset;
     EXPECT_EQ(SsoActions::getNodeConfig("x"), nullptr);
     EXPECT_TRUE(log.has("SsoActions: Start get node config. Received user session: 'x'.\n"));
-    server.machineType = 1;
+    server.machineType = SsoServer::kMachineNode;
     log.clear();
     EXPECT_EQ(SsoActions::getUserLoginOptions(), nullptr);
     EXPECT_EQ(SsoActions::getClientConfig(0, "s", nullptr), nullptr);

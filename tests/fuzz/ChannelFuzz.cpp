@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const *data, size_t size) {
         __builtin_trap();
     }
     CurlRequest &network = CurlRequest::getNetwork();
-    network.init(3);
+    network.init(CURL_GLOBAL_ALL);
 
     size_t readSize = std::min<size_t>(kLargestRead, 1 + static_cast<size_t>(data[0]) * 23);
     auto const *bytes = reinterpret_cast<char const *>(data + 1);

@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const *data, size_t size) {
     std::string nodeConfig(reinterpret_cast<char const *>(data), size);
     {
         CurlRequest network;
-        network.init(3);
+        network.init(CURL_GLOBAL_ALL);
         network.startNodeVerifyFlow("fuzzsession", nodeConfig);
     }
     delete[] SsoServer::getServer().nodeFlow(nodeConfig, "fuzzsession");

@@ -15,7 +15,7 @@ namespace {
 
 void runFlow(int32_t type, int32_t state, std::string const &response) {
     CurlRequest network;
-    network.init(3);
+    network.init(CURL_GLOBAL_ALL);
     AsyncFlowContext &context = network.activeFlows["fuzzsession"];
     context.sessionId = "fuzzsession";
     context.flowType = type;

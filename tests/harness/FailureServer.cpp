@@ -1,5 +1,6 @@
 #include "tests/harness/FailureServer.h"
 
+#include "tests/harness/LoopbackSocket.h"
 #include "tests/harness/TempDir.h"
 
 #include <arpa/inet.h>
@@ -81,20 +82,10 @@ void FailureServer::listenOnLoopback(std::string const &certificate, std::string
             return;
         }
     }
-    listenFd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    socklen_t length = sizeof address;
-    if (listenFd_ < 0 ||
-        bind(listenFd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        listen(listenFd_, 64) != 0 ||
-        getsockname(listenFd_, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+    listenFd_ = LoopbackSocket::open(64, port);
+    if (listenFd_ < 0) {
         return;
     }
-    port = ntohs(address.sin_port);
     acceptor_ = std::thread([this] { acceptLoop(); });
 }
 
@@ -248,6 +239,7 @@ void FailureServer::serve(int fd) {
         std::lock_guard<std::mutex> lock(mutex_);
         recorded = requests_.size();
         requests_.push_back(request);
+        arrived_.notify_all();
     }
     Reply reply = replyFor(request.target);
     if (reply.mode == Mode::Hang) {
@@ -286,4 +278,15 @@ void FailureServer::serve(int fd) {
         }
     }
     close(fd);
+}
+
+bool FailureServer::Request::hasHeader(std::string const &line) const {
+    std::string const block = "\r\n" + headers + "\r\n";
+    return block.find("\r\n" + line + "\r\n") != std::string::npos;
+}
+
+bool FailureServer::waitForRequests(size_t count, int ms) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return arrived_.wait_for(lock, std::chrono::milliseconds(ms),
+                             [this, count] { return requests_.size() >= count; });
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -35,6 +36,9 @@ public:
         // epoch when none was, as with a hang or a reset).
         std::chrono::steady_clock::time_point received;
         std::chrono::steady_clock::time_point answered;
+
+        // Whether the header block holds exactly this line ("Name: value").
+        bool hasHeader(std::string const &line) const;
     };
 
     explicit FailureServer(bool tls = false);
@@ -54,6 +58,9 @@ public:
     std::string url(std::string const &path = "") const;
     // The requests received so far.
     std::vector<Request> requests() const;
+    // Waits up to `ms` milliseconds until at least `count` requests have been read whole;
+    // false at the deadline.
+    bool waitForRequests(size_t count, int ms = 5000) const;
 
     int port = 0;
     bool tls = false;
@@ -68,6 +75,7 @@ private:
     bool stopping_ = false;
     ssl_ctx_st *context_ = nullptr;
     mutable std::mutex mutex_;
+    mutable std::condition_variable arrived_;
     std::map<std::string, Reply> replies_;
     std::vector<Request> requests_;
     std::vector<int> connections_;

@@ -96,3 +96,15 @@ std::pair<std::string, std::string> LoginChannel::nodeConfig(std::string const &
     return {line.substr(word.size(), bar - word.size()),
             line.substr(bar + 1, line.size() - bar - 2)};
 }
+
+std::string LoginChannel::drained(std::string const &session) {
+    return "Sso: Processing completed async flow for session: '" + session + "'.\n";
+}
+
+std::string LoginChannel::noAuthInfo(std::string const &session) {
+    return "Sso: ERROR! Can't get auth info for user session: '" + session + "'.\n";
+}
+
+std::string LoginChannel::noRefreshInfo(std::string const &value) {
+    return "Sso: ERROR! Can't get refresh info for user session: '" + value + "'.\n";
+}

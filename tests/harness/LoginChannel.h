@@ -24,6 +24,15 @@ public:
     };
     static Token parse(std::string const &line, std::string const &word = "SSO_VERIFY_OK|");
 
+    // The statement that ends a background login's work for `session`: its result was taken
+    // from the engine, and the reply written, so the flow holds no transfer any more. The
+    // closing statement for WorkerHost::strayReplies.
+    static std::string drained(std::string const &session);
+    // The statements that answer a verify whose session has no pending login, and a refresh
+    // whose session value has no record: the closing statements of commands answered at once.
+    static std::string noAuthInfo(std::string const &session);
+    static std::string noRefreshInfo(std::string const &value);
+
     // A readable user session of the 32 characters the server asks for: `name` padded with "-".
     static std::string session(std::string const &name);
 

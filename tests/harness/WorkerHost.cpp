@@ -108,6 +108,13 @@ std::string WorkerHost::repliesBeforeFence(int ms) {
     }
 }
 
+std::string WorkerHost::strayReplies(LogCapture const &log, std::string const &closing, int ms) {
+    if (!log.waitFor(closing, 1, ms)) {
+        return "<no closing statement: " + closing + ">";
+    }
+    return repliesBeforeFence(ms);
+}
+
 void WorkerHost::closeHostEnd() {
     if (hostFd >= 0) {
         ::close(hostFd);

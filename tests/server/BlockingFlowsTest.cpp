@@ -22,22 +22,6 @@ std::string const kTokens =
 std::string const kUserInfo =
     "{\"email\":\"alice@example.com\",\"preferred_username\":\"alice\",\"sub\":\"alice\"}";
 
-std::vector<std::string> layer(LogCapture const &log, std::string const &prefix) {
-    std::vector<std::string> picked;
-    for (auto const &line : log.lines()) {
-        if (line.compare(0, prefix.size(), prefix) == 0) {
-            picked.push_back(line);
-        }
-    }
-    return picked;
-}
-
-// Whether a recorded request carries exactly this header line.
-bool hasHeader(FailureServer::Request const &request, std::string const &line) {
-    std::string block = "\r\n" + request.headers + "\r\n";
-    return block.find("\r\n" + line + "\r\n") != std::string::npos;
-}
-
 // Takes the array a flow returns; "" for null.
 std::string taken(char *token) {
     std::unique_ptr<char[]> owned(token);
@@ -48,7 +32,7 @@ class BlockingFlowsTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_NE(idp.port, 0);
-        ASSERT_TRUE(SsoRequest::getNetwork().init(3));
+        ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
         idp.on("/token", 200, kTokens);
         idp.on("/me", 200, kUserInfo);
         idp.on("/revoke", 200, "{}");
@@ -122,12 +106,12 @@ TEST_F(BlockingFlowsTest, LoginWithRefreshOnKeepsARecordUnderARandomSession) {
     EXPECT_EQ(saved.accessToken, "at-1");
     EXPECT_EQ(targets(), (std::vector<std::string>{"POST /token", "GET /me"}));
     auto requests = idp.requests();
-    EXPECT_TRUE(hasHeader(requests[1], "Authorization: Bearer at-1"));
+    EXPECT_TRUE(requests[1].hasHeader("Authorization: Bearer at-1"));
     EXPECT_TRUE(requests[1].body.empty());
     EXPECT_EQ(log.lines().front(),
               "SsoServer: Received OAuth code: 'code-1' and user session: "
               "'sess' for login flow..\n");
-    EXPECT_TRUE(layer(log, "SsoServer: ERROR!").empty());
+    EXPECT_TRUE(log.startingWith("SsoServer: ERROR!").empty());
     EXPECT_TRUE(log.hasInOrder({
         "SsoServer: Exchanging code: code-1' for config ID: 0 for tokens.\n",
         "SsoServer: Final user is: 'alice'.\n",
@@ -157,7 +141,7 @@ TEST_F(BlockingFlowsTest, RefreshOffWithoutARevocationEndpointFailsUnlessMicroso
     pend("sess");
     log.clear();
     EXPECT_EQ(server.loginFlow("code-1", "sess"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Revoke response is empty.\n",
                                         "SsoServer: ERROR! Tokens revocation failed.\n"}));
     EXPECT_TRUE(server.authzInfoBySession.empty());
@@ -185,7 +169,7 @@ TEST_F(BlockingFlowsTest, EmptyArgumentsFailBeforeAnyStoreIsTouched) {
     EXPECT_EQ(server.refreshFlow("uuid", ""), nullptr);
     EXPECT_EQ(server.nodeFlow("", "sess"), nullptr);
     EXPECT_EQ(server.nodeFlow("{\"provider\":\"keycloak\"}", ""), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{
                   "SsoServer: ERROR! Login flow arguments are empty.\n",
                   "SsoServer: ERROR! Login flow arguments are empty.\n",
@@ -206,13 +190,13 @@ TEST_F(BlockingFlowsTest, EmptyArgumentsFailBeforeAnyStoreIsTouched) {
 TEST_F(BlockingFlowsTest, LoginWithoutAPendingRecordOrWithABadOneFails) {
     log.clear();
     EXPECT_EQ(server.loginFlow("code", "nobody"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Login information doesn't exist for "
                                         "specified session token.\n"}));
     pend("sess", 4);
     log.clear();
     EXPECT_EQ(server.loginFlow("code", "sess"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Config ID is invalid.\n",
                                         "SsoServer: ERROR! Login information validation "
                                         "failed.\n"}));
@@ -234,7 +218,7 @@ TEST_F(BlockingFlowsTest, TokenAnswerWithoutOneOfTheThreeTokensIsRefused) {
         size_t before = idp.requests().size();
         log.clear();
         EXPECT_EQ(server.loginFlow("code", "sess"), nullptr);
-        auto errors = layer(log, "SsoServer: ERROR!");
+        auto errors = log.startingWith("SsoServer: ERROR!");
         ASSERT_EQ(errors.size(), 2u);
         EXPECT_EQ(errors[1], "SsoServer: ERROR! Tokens validation failed.\n");
         // No userinfo request after a refused answer.
@@ -262,7 +246,7 @@ TEST_F(BlockingFlowsTest, BodiesAreJudgedWhateverTheStatus) {
     pend("sess");
     log.clear();
     EXPECT_EQ(server.loginFlow("code", "sess"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Can't get user from userinfo "
                                         "response.\n",
                                         "SsoServer: ERROR! Final username is empty.\n"}));
@@ -288,11 +272,11 @@ TEST_F(BlockingFlowsTest, RefreshMovesTheRecordToTheNewSession) {
     EXPECT_EQ(log.lines().front(),
               "SsoServer: Received uuid: 'uuid-1' and session token: 'value'"
               " for refresh flow.\n");
-    EXPECT_TRUE(layer(log, "SsoServer: ERROR!").empty());
+    EXPECT_TRUE(log.startingWith("SsoServer: ERROR!").empty());
     // The old session value is dead.
     log.clear();
     EXPECT_EQ(server.refreshFlow("uuid-1", "value"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Refresh information doesn't exist for "
                                         "specified session token.\n"}));
 }
@@ -316,7 +300,7 @@ TEST_F(BlockingFlowsTest, RefreshWithAnAgedRecordConsumesIt) {
     keep("value", 601);
     log.clear();
     EXPECT_EQ(server.refreshFlow("uuid", "value"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{
                   "SsoServer: ERROR! Information is expired. Time limit was600s, but passed: "
                   "601s.\n",
@@ -330,7 +314,7 @@ TEST_F(BlockingFlowsTest, RefreshNamesItsSessionAndExpiryFailuresApart) {
     keep("value");
     log.clear();
     EXPECT_EQ(server.refreshFlow("uuid", "value"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! New user session is empty.\n",
                                         "SsoServer: ERROR! Generating new session token "
                                         "failed.\n"}));
@@ -341,7 +325,7 @@ TEST_F(BlockingFlowsTest, RefreshNamesItsSessionAndExpiryFailuresApart) {
     server.refreshInfoBySession["value"] = OAuthRefreshInfo{0, -10, "rt-old", "at-old"};
     log.clear();
     EXPECT_EQ(server.refreshFlow("uuid", "value"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Timestamp is negative.\n",
                                         "SsoServer: ERROR! Generating new user session "
                                         "failed.\n"}));
@@ -353,7 +337,7 @@ TEST_F(BlockingFlowsTest, LoginNamesBothFailuresAlike) {
     pend("sess");
     log.clear();
     EXPECT_EQ(server.loginFlow("code", "sess"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! New user session is empty.\n",
                                         "SsoServer: ERROR! Generating new user session "
                                         "failed.\n"}));
@@ -362,7 +346,7 @@ TEST_F(BlockingFlowsTest, LoginNamesBothFailuresAlike) {
     pend("sess");
     log.clear();
     EXPECT_EQ(server.loginFlow("code", "sess"), nullptr);
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Timestamp is negative.\n",
                                         "SsoServer: ERROR! Generating new user session "
                                         "failed.\n"}));
@@ -375,7 +359,7 @@ TEST_F(BlockingFlowsTest, NodeWithoutUserNameOrProxyWarnsTwiceAndWorks) {
         idp.url("/me") + "\"}";
     log.clear();
     EXPECT_EQ(taken(server.nodeFlow(node, "s")), "alice|s");
-    EXPECT_EQ(layer(log, "SsoServer: "),
+    EXPECT_EQ(log.startingWith("SsoServer: "),
               (std::vector<std::string>{
                   "SsoServer: Received node configure: '" + node +
                       "' and user session: 's' for node flow..\n",
@@ -393,7 +377,7 @@ TEST_F(BlockingFlowsTest, NodeWithoutUserNameOrProxyWarnsTwiceAndWorks) {
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "GET");
     EXPECT_EQ(requests[0].target, "/me");
-    EXPECT_TRUE(hasHeader(requests[0], "Authorization: Bearer at-n"));
+    EXPECT_TRUE(requests[0].hasHeader("Authorization: Bearer at-n"));
     EXPECT_TRUE(requests[0].body.empty());
     // No store and no provider record takes part.
     EXPECT_TRUE(server.authzInfoBySession.empty());
@@ -410,7 +394,7 @@ TEST_F(BlockingFlowsTest, NodeWithAProviderNoServerUsesStillWorks) {
     log.clear();
     EXPECT_EQ(taken(server.nodeFlow(node, "s")), "alice|s");
     EXPECT_EQ(
-        layer(log, "SsoServer: WARNING!"),
+        log.startingWith("SsoServer: WARNING!"),
         (std::vector<std::string>{"SsoServer: WARNING! Field 'qx_proxy' is not set in config.\n"}));
 }
 
@@ -456,7 +440,7 @@ TEST_F(BlockingFlowsTest, NodeDataIsCheckedMemberByMember) {
         SCOPED_TRACE(row.node);
         log.clear();
         EXPECT_EQ(server.nodeFlow(row.node, "s"), nullptr);
-        EXPECT_EQ(layer(log, "SsoServer: ERROR!"), (std::vector<std::string>{row.error}));
+        EXPECT_EQ(log.startingWith("SsoServer: ERROR!"), (std::vector<std::string>{row.error}));
     }
     EXPECT_TRUE(idp.requests().empty());
 }
@@ -470,7 +454,7 @@ TEST_F(BlockingFlowsTest, NodeWithAnUnusableUserinfoAnswerFails) {
     log.clear();
     EXPECT_EQ(server.nodeFlow(node, "s"), nullptr);
     EXPECT_EQ(
-        layer(log, "SsoServer: ERROR!"),
+        log.startingWith("SsoServer: ERROR!"),
         (std::vector<std::string>{"SsoServer: ERROR! Can't get user from userinfo response.\n",
                                   "SsoServer: ERROR! Final user is empty.\n"}));
     EXPECT_EQ(idp.requests().size(), 1u);

@@ -74,7 +74,7 @@ TEST_F(ConfigFileTest, NoFileMakesANode) {
     ASSERT_TRUE(server.setConfigPath());
     EXPECT_TRUE(log.has("SsoServer: Set config path to: '" + TestMachine::configDir() + "'\n"));
     EXPECT_TRUE(server.setMachineType());
-    EXPECT_EQ(server.machineType, 1);
+    EXPECT_EQ(server.machineType, SsoServer::kMachineNode);
     EXPECT_EQ(server.configPath, "");
     EXPECT_TRUE(log.has("SsoServer: File '" + TestMachine::configFile() +
                         "' doesn't exist. Machine type set to 'node'.\n"));
@@ -84,7 +84,7 @@ TEST_F(ConfigFileTest, AFileMakesAServer) {
     TestMachine::server("[]");
     ASSERT_TRUE(server.setConfigPath());
     EXPECT_TRUE(server.setMachineType());
-    EXPECT_EQ(server.machineType, 0);
+    EXPECT_EQ(server.machineType, SsoServer::kMachineServer);
     EXPECT_TRUE(log.has("SsoServer: File '" + TestMachine::configFile() +
                         "' exist. Machine type set to 'server'.\n"));
 }
@@ -106,7 +106,7 @@ TEST_F(ConfigFileTest, NoAccessToTheFile) {
         return std::string(path) == file ? -1 : std::string(path) == "/usr/QX/etc" ? 0 : 2;
     };
     EXPECT_FALSE(server.setMachineType());
-    EXPECT_EQ(server.machineType, -1);
+    EXPECT_EQ(server.machineType, SsoServer::kMachineUnset);
     EXPECT_TRUE(
         log.has("SsoServer: ERROR! Can't set machine type. No access to file: '" + file + "'\n"));
     EXPECT_FALSE(server.loadConfigsJson());
@@ -123,8 +123,8 @@ TEST_F(ConfigFileTest, NoDirectoryAtAll) {
               (std::vector<std::string>{
                   "SsoServer: ERROR! Can't set config path.\n",
                   "SsoServer: ERROR! Can't set machine type. Config path is empty.\n"}));
-    EXPECT_EQ(server.machineType, -1);
-    server.machineType = 0;
+    EXPECT_EQ(server.machineType, SsoServer::kMachineUnset);
+    server.machineType = SsoServer::kMachineServer;
     EXPECT_FALSE(server.loadConfigsJson());
     EXPECT_TRUE(
         log.has("SsoServer: ERROR! Can't load configuration file. Configuration path is empty.\n"));
@@ -410,7 +410,7 @@ TEST_F(ConfigFileTest, ASecondLoadAppendsAndClearConfigsEmptiesAll) {
     EXPECT_TRUE(server.authzInfoBySession.empty());
     EXPECT_TRUE(server.refreshInfoBySession.empty());
     EXPECT_EQ(server.loginOptions, "");
-    EXPECT_EQ(server.machineType, 0);
+    EXPECT_EQ(server.machineType, SsoServer::kMachineServer);
     EXPECT_FALSE(server.configPath.empty());
     EXPECT_EQ(log.lines().front(), "SsoServer: Cleaning server configs.\n");
     EXPECT_EQ(log.count("SsoServerConfigOAuth: Server OAuth config destructor.\n"), 2u);

@@ -53,22 +53,11 @@ bool hasHeaderNamed(std::vector<std::string> const &lines, std::string const &pr
     return false;
 }
 
-// The statements of one layer, in order.
-std::vector<std::string> layer(LogCapture const &log, std::string const &prefix) {
-    std::vector<std::string> picked;
-    for (auto const &line : log.lines()) {
-        if (line.compare(0, prefix.size(), prefix) == 0) {
-            picked.push_back(line);
-        }
-    }
-    return picked;
-}
-
 class ExchangeTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_NE(idp.port, 0);
-        ASSERT_TRUE(SsoRequest::getNetwork().init(3));
+        ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
         idp.on("/token", 200, kTokens);
     }
     void TearDown() override {
@@ -123,7 +112,7 @@ TEST_F(ExchangeTest, CodeGrantSendsItsFieldsSortedByKeyWithTheClientInTheBody) {
     auto headers = headerLines(request);
     EXPECT_NE(indexOfLine(headers, "Content-Type: application/x-www-form-urlencoded"), -1);
     EXPECT_FALSE(hasHeaderNamed(headers, "Authorization:"));
-    EXPECT_EQ(layer(log, "SsoServer: "),
+    EXPECT_EQ(log.startingWith("SsoServer: "),
               (std::vector<std::string>{
                   "SsoServer: Exchanging code: abc%2Fdef' for config ID: 0 for tokens.\n",
                   "SsoServer: Original code: 'abc%2Fdef'.\n",
@@ -189,7 +178,7 @@ TEST_F(ExchangeTest, RefreshGrantAuthenticatesByTheBasicHeaderAlone) {
     EXPECT_LT(type, basic);
     EXPECT_EQ(request.body.find("client_id"), std::string::npos);
     EXPECT_EQ(request.body.find("client_secret"), std::string::npos);
-    EXPECT_EQ(layer(log, "SsoServer: "),
+    EXPECT_EQ(log.startingWith("SsoServer: "),
               (std::vector<std::string>{
                   "SsoServer: Exchanging refresh: rt/old' for config ID: 0 for tokens.\n",
                   "SsoServer: Provider is: 'keycloak'.\n",
@@ -278,7 +267,7 @@ TEST_F(ExchangeTest, RefreshAnswerWithoutIdTokenFailsOnEveryProvider) {
         EXPECT_TRUE(tokens.accessToken.empty());
         EXPECT_TRUE(tokens.idToken.empty());
         EXPECT_TRUE(tokens.refreshToken.empty());
-        EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+        EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
                   (std::vector<std::string>{
                       "SsoServer: ERROR! Exchange doesn't have field 'id_token'.\n"}));
     }
@@ -290,11 +279,11 @@ TEST_F(ExchangeTest, EmptyObjectIsReportedAsEmpty) {
     log.clear();
     OAuthTokens tokens = server.exchangeCodeForTokens("c", pending(id));
     EXPECT_TRUE(tokens.accessToken.empty());
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Exchange JSON object is empty.\n"}));
     log.clear();
     EXPECT_TRUE(server.exchangeRefreshForTokens("u", "rt", id).accessToken.empty());
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{"SsoServer: ERROR! Exchange JSON object is empty.\n"}));
 }
 
@@ -311,7 +300,7 @@ TEST_F(ExchangeTest, TheBodyCountsAndNotTheStatus) {
     idp.on("/token", 400, "{\"error\":\"invalid_grant\"}");
     log.clear();
     EXPECT_TRUE(server.exchangeCodeForTokens("c", pending(id)).accessToken.empty());
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{
                   "SsoServer: ERROR! Exchange doesn't have field 'access_token'.\n"}));
 }
@@ -327,7 +316,7 @@ TEST_F(ExchangeTest, FailedRequestReadsAsAnUnparsableAnswer) {
     EXPECT_TRUE(tokens.accessToken.empty());
     EXPECT_TRUE(tokens.idToken.empty());
     EXPECT_TRUE(tokens.refreshToken.empty());
-    EXPECT_EQ(layer(log, "SsoServer: ERROR!"),
+    EXPECT_EQ(log.startingWith("SsoServer: ERROR!"),
               (std::vector<std::string>{
                   "SsoServer: ERROR! Parsing string exchange to JSON object failed.\n"}));
 }
@@ -340,7 +329,7 @@ TEST_F(ExchangeTest, ConfigurationThatIsNotThereSendsNothing) {
         log.clear();
         EXPECT_TRUE(server.exchangeCodeForTokens("c", pending(id)).accessToken.empty());
         EXPECT_TRUE(server.exchangeRefreshForTokens("u", "rt", id).accessToken.empty());
-        EXPECT_EQ(layer(log, "SsoServer: "),
+        EXPECT_EQ(log.startingWith("SsoServer: "),
                   (std::vector<std::string>{
                       "SsoServer: Exchanging code: c' for config ID: " + std::to_string(id) +
                           " for tokens.\n",
@@ -395,7 +384,7 @@ TEST(ExchangeResponseTest, RefusedAnswersNameTheirReason) {
         EXPECT_TRUE(tokens.accessToken.empty());
         EXPECT_TRUE(tokens.idToken.empty());
         EXPECT_TRUE(tokens.refreshToken.empty());
-        EXPECT_EQ(layer(log, "SsoServer: "), (std::vector<std::string>{row.error}));
+        EXPECT_EQ(log.startingWith("SsoServer: "), (std::vector<std::string>{row.error}));
     }
 }
 
@@ -406,7 +395,7 @@ TEST(ExchangeResponseTest, AKeptRefreshTokenIsReturnedWithoutReadingTheAnswers) 
     EXPECT_EQ(tokens.accessToken, "a");
     EXPECT_EQ(tokens.idToken, "i");
     EXPECT_EQ(tokens.refreshToken, "kept");
-    EXPECT_TRUE(layer(log, "SsoServer: ").empty());
+    EXPECT_TRUE(log.startingWith("SsoServer: ").empty());
     // The other two are required all the same.
     EXPECT_TRUE(readExchangeResponse("{\"access_token\":\"a\"}", "kept").refreshToken.empty());
     EXPECT_TRUE(log.has("SsoServer: ERROR! Exchange doesn't have field 'id_token'.\n"));

@@ -15,8 +15,8 @@ class MetadataTest : public ::testing::Test {
 protected:
     void SetUp() override {
         network.cleanUp();
-        ASSERT_TRUE(network.init(3));
-        server.machineType = 0;
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
+        server.machineType = SsoServer::kMachineServer;
     }
     void TearDown() override {
         server.clearConfigs();
@@ -214,9 +214,9 @@ TEST_F(MetadataTest, SecondOfThreeUnreachableStopsTheLoop) {
 
 TEST_F(MetadataTest, Preconditions) {
     LogCapture log;
-    server.machineType = -1;
+    server.machineType = SsoServer::kMachineUnset;
     EXPECT_FALSE(server.loadConfigsMetadata());
-    server.machineType = 0;
+    server.machineType = SsoServer::kMachineServer;
     EXPECT_FALSE(server.loadConfigsMetadata());
     auto *config = add("", "https://x");
     EXPECT_FALSE(server.loadMetadata(config));

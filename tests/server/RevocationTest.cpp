@@ -56,12 +56,6 @@ std::vector<std::string> operator+(std::vector<std::string> head,
     return head;
 }
 
-// Whether the request's header block holds exactly this line.
-bool hasHeader(FailureServer::Request const &request, std::string const &line) {
-    std::string const block = "\r\n" + request.headers + "\r\n";
-    return block.find("\r\n" + line + "\r\n") != std::string::npos;
-}
-
 // base64("qxss-client:qxss-secret")
 std::string const localBasic = "cXhzcy1jbGllbnQ6cXhzcy1zZWNyZXQ=";
 
@@ -69,7 +63,7 @@ class RevocationTest : public ::testing::Test {
 protected:
     void SetUp() override {
         network.cleanUp();
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
         log.clear();
     }
     void TearDown() override {
@@ -173,9 +167,9 @@ TEST_F(RevocationTest, TheBodyIsLiteralAndTheSecretIsRaw) {
     EXPECT_EQ(requests[0].method, "POST");
     EXPECT_EQ(requests[0].target, "/revoke");
     EXPECT_EQ(requests[0].body, body);
-    EXPECT_TRUE(hasHeader(requests[0], "Content-Type: application/x-www-form-urlencoded"))
+    EXPECT_TRUE(requests[0].hasHeader("Content-Type: application/x-www-form-urlencoded"))
         << requests[0].headers;
-    EXPECT_TRUE(hasHeader(requests[0], "Authorization: Basic " + basic)) << requests[0].headers;
+    EXPECT_TRUE(requests[0].hasHeader("Authorization: Basic " + basic)) << requests[0].headers;
 }
 
 TEST_F(RevocationTest, EmptySecretStillAsks) {
@@ -190,7 +184,7 @@ TEST_F(RevocationTest, EmptySecretStillAsks) {
     auto requests = idp.requests();
     ASSERT_EQ(requests.size(), 1u);
     // base64("qxss-client:")
-    EXPECT_TRUE(hasHeader(requests[0], "Authorization: Basic cXhzcy1jbGllbnQ6"))
+    EXPECT_TRUE(requests[0].hasHeader("Authorization: Basic cXhzcy1jbGllbnQ6"))
         << requests[0].headers;
     EXPECT_EQ(requests[0].body, "token=rt&token_type_hint=refresh_token");
 }
@@ -224,8 +218,8 @@ TEST_F(RevocationTest, NoRevocationEndpointInDiscoveryFailsTheStep) {
     config->idpDomain = idp.url();
     CurlRequest &discovery = CurlRequest::getNetwork();
     discovery.cleanUp();
-    ASSERT_TRUE(discovery.init(3));
-    server.machineType = 0;
+    ASSERT_TRUE(discovery.init(CURL_GLOBAL_ALL));
+    server.machineType = SsoServer::kMachineServer;
     bool loaded = server.loadConfigsMetadata();
     discovery.cleanUp();
     ASSERT_TRUE(loaded);

@@ -215,7 +215,7 @@ class UserInfoFetchTest : public ::testing::Test {
 protected:
     void SetUp() override {
         network.cleanUp();
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
         log.clear();
     }
     void TearDown() override {

@@ -355,7 +355,7 @@ TEST_F(UserTokensTest, RealLoginOfABarredName) {
     ASSERT_TRUE(provider.ready()) << provider.error;
     SsoRequest &network = SsoRequest::getNetwork();
     network.cleanUp();
-    ASSERT_TRUE(network.init(3));
+    ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     LocalGrant::addRecord(server)->userName = "preferred_username";
     auto code = LocalGrant::authorize(server, 0, "carol|x");
     std::unique_ptr<char[]> token(code.ok ? server.loginFlow(code.code, code.session) : nullptr);

@@ -9,7 +9,7 @@ namespace {
 
 class HandlerPoolTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(network.init(3)); }
+    void SetUp() override { ASSERT_TRUE(network.init(CURL_GLOBAL_ALL)); }
     void TearDown() override {
         network.cleanUp();
         PlatformFakes::reset();
@@ -31,9 +31,9 @@ TEST(CurlRequestInitTest, InitTwiceAndInvalidFlags) {
     LogCapture log;
     EXPECT_FALSE(network.init(0));
     EXPECT_FALSE(network.init(4));
-    ASSERT_TRUE(network.init(3));
+    ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     CURLM *multi = network.multiHandle;
-    EXPECT_FALSE(network.init(3));
+    EXPECT_FALSE(network.init(CURL_GLOBAL_ALL));
     EXPECT_EQ(network.multiHandle, multi);
     EXPECT_TRUE(network.initialized);
     auto lines = log.lines();
@@ -46,7 +46,7 @@ TEST(CurlRequestInitTest, InitTwiceAndInvalidFlags) {
 
 TEST(CurlRequestInitTest, StartsAgainAfterCleanUp) {
     CurlRequest network;
-    ASSERT_TRUE(network.init(3));
+    ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     network.cleanUp();
     EXPECT_EQ(network.errorBuffer, nullptr);
     EXPECT_FALSE(network.initialized);

@@ -14,7 +14,7 @@ class NodeFlowTest : public ::testing::Test {
 protected:
     void SetUp() override {
         network.cleanUp();
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
         // No provider record at all, as on a node.
         SsoServer::getServer().clearConfigs();
         idp.on("/me", 200, "{\"email\":\"carol@example.com\"}");

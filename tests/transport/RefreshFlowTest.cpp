@@ -16,7 +16,7 @@ class RefreshFlowTest : public ::testing::Test {
 protected:
     void SetUp() override {
         network.cleanUp();
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
         idp.on("/me", 200, "{\"email\":\"alice@example.com\"}");
     }
     void TearDown() override {

@@ -42,7 +42,7 @@ bool endsWith(std::string const &text, std::string const &suffix) {
 
 class SsoRequestTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(network.init(3)); }
+    void SetUp() override { ASSERT_TRUE(network.init(CURL_GLOBAL_ALL)); }
 
     std::string get(std::string const &url, std::vector<std::string> const &headers = {},
                     char const *data = nullptr, char const *proxy = nullptr) {
@@ -286,7 +286,7 @@ TEST(SsoRequestLifecycleTest, ConstructorAndDestructorLog) {
     }
     {
         SsoRequest network;
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     }
     EXPECT_EQ(log.lines(), (Lines{"SsoRequest: SsoRequest constructor.\n",
                                   "SsoRequest: SsoRequest destructor.\n",
@@ -313,9 +313,9 @@ TEST(SsoRequestLifecycleTest, InitTwiceAndInvalidFlags) {
     EXPECT_FALSE(network.init(0));
     EXPECT_FALSE(network.init(4));
     EXPECT_FALSE(network.initialized);
-    ASSERT_TRUE(network.init(3));
+    ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     char *buffer = network.errorBuffer;
-    EXPECT_FALSE(network.init(3));
+    EXPECT_FALSE(network.init(CURL_GLOBAL_ALL));
     EXPECT_TRUE(network.initialized);
     EXPECT_EQ(network.errorBuffer, buffer);
     EXPECT_EQ(log.lines(), (Lines{"SsoRequest: ERROR! Curl initialization flag invalid.\n",
@@ -332,7 +332,7 @@ TEST(SsoRequestLifecycleTest, InitAfterCleanUpWorksLikeTheFirstTime) {
     for (int cycle = 0; cycle < 2; ++cycle) {
         SCOPED_TRACE(cycle);
         LogCapture log;
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
         ASSERT_NE(network.errorBuffer, nullptr);
         EXPECT_EQ(network.request(HttpGet, url.c_str(), {}, nullptr, nullptr),
                   "{\"email\":\"a@b\"}");

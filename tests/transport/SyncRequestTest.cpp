@@ -18,7 +18,7 @@ namespace {
 
 class SyncRequestTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(network.init(3)); }
+    void SetUp() override { ASSERT_TRUE(network.init(CURL_GLOBAL_ALL)); }
     void TearDown() override { network.cleanUp(); }
 
     std::string get(std::string const &url, char const *proxy = nullptr) {

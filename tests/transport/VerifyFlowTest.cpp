@@ -19,7 +19,7 @@ class VerifyFlowTest : public ::testing::Test {
 protected:
     void SetUp() override {
         network.cleanUp();
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
         server.clearConfigs();
         auto *config = new SsoServerConfigOAuth();
         config->configId = 0;

@@ -4,6 +4,7 @@
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LocalProvider.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/LoginChannel.h"
 #include "tests/harness/LoginDriver.h"
 #include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
@@ -70,10 +71,7 @@ protected:
             log.waitFor("Sso: Started async node verify flow successfully for user session: '" +
                         session + "'.\n"));
         // The transfer has reached the endpoint, so that letting go of it ends the flow.
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (hangs->requests().size() == before && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        ASSERT_TRUE(hangs->waitForRequests(before + 1));
         ASSERT_EQ(hangs->requests().size(), before + 1);
     }
 
@@ -81,7 +79,7 @@ protected:
     void release(WorkerHost &on, std::string const &session) {
         hangs.reset();
         EXPECT_EQ(on.readLine(10000), "SSO_NODE_VERIFY_FAILURE|" + session + "\n");
-        EXPECT_EQ(on.readFor(300), "");
+        EXPECT_EQ(on.strayReplies(log, LoginChannel::drained(session)), "");
     }
 
     // A whole login on the background road; the session value of its token.
@@ -92,7 +90,7 @@ protected:
         std::string reply = host.readLine(10000);
         std::string value = sessionValueOf(reply, "SSO_VERIFY_OK", session);
         EXPECT_NE(value, "") << reply;
-        EXPECT_EQ(host.readFor(300), "");
+        EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
         return value;
     }
 
@@ -112,7 +110,7 @@ TEST_F(FailoverTest, VerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRoad) 
     std::string reply = host.readLine(10000);
     std::string value = sessionValueOf(reply, "SSO_VERIFY_OK", session);
     EXPECT_NE(value, "") << reply;
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: Sync verify login succeeded (failover).\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "Sso: Attempting async verify flow for user session: '" + session + "'.\n",
         "CurlRequest: ERROR! Session already has active flow.\n",
@@ -133,7 +131,7 @@ TEST_F(FailoverTest, VerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRoad) 
     host.send("SSO_REFRESH|uuid-1|" + value + "\n");
     std::string refreshed = host.readLine(10000);
     EXPECT_NE(sessionValueOf(refreshed, "SSO_REFRESH_OK", value), "") << refreshed;
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(value)), "");
 }
 
 TEST_F(FailoverTest, RefreshOfASessionWithAFlowInFlightAnswersOnTheBlockingRoad) {
@@ -147,7 +145,7 @@ TEST_F(FailoverTest, RefreshOfASessionWithAFlowInFlightAnswersOnTheBlockingRoad)
     std::string next = sessionValueOf(reply, "SSO_REFRESH_OK", value);
     EXPECT_NE(next, "") << reply;
     EXPECT_NE(next, value);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: Sync refresh login succeeded (failover).\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "Sso: Attempting async refresh flow for user session: '" + value + "'.\n",
         "CurlRequest: ERROR! Session already has active flow.\n",
@@ -166,11 +164,11 @@ TEST_F(FailoverTest, RefreshOfASessionWithAFlowInFlightAnswersOnTheBlockingRoad)
     // The old session value is dead; the new one refreshes on the background road.
     host.send("SSO_REFRESH|uuid-2|" + value + "\n");
     EXPECT_EQ(host.readLine(5000), "SSO_REFRESH_FAILURE|" + value + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noRefreshInfo(value)), "");
     host.send("SSO_REFRESH|uuid-3|" + next + "\n");
     std::string again = host.readLine(10000);
     EXPECT_NE(sessionValueOf(again, "SSO_REFRESH_OK", next), "") << again;
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(next)), "");
 }
 
 TEST_F(FailoverTest, NodeVerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRoad) {
@@ -206,7 +204,7 @@ TEST_F(FailoverTest, NodeVerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRo
     log.clear();
     host.send("SSO_NODE_VERIFY|" + nodeConfig + "|" + session + "\n");
     EXPECT_EQ(host.readLine(10000), "SSO_NODE_VERIFY_OK|alice|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: Sync node login succeeded (failover).\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "Sso: Attempting async node verify flow for user session: '" + session + "'.\n",
         "CurlRequest: ERROR! Session already has active flow.\n",
@@ -224,7 +222,7 @@ TEST_F(FailoverTest, NodeVerifyOfASessionWithAFlowInFlightAnswersOnTheBlockingRo
     log.clear();
     host.send("SSO_NODE_VERIFY|" + nodeConfig + "|node-session-2\n");
     EXPECT_EQ(host.readLine(10000), "SSO_NODE_VERIFY_OK|alice|node-session-2\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained("node-session-2")), "");
     EXPECT_TRUE(log.has(
         "Sso: Started async node verify flow successfully for user session: 'node-session-2'.\n"));
 }
@@ -240,10 +238,10 @@ TEST_F(FailoverTest, RepeatedVerifyFindsTheRecordGoneAndAnswersAtOnce) {
     EXPECT_EQ(host.readLine(5000), "SSO_VERIFY_FAILURE|" + session + "\n");
     std::string reply = host.readLine(10000);
     EXPECT_NE(sessionValueOf(reply, "SSO_VERIFY_OK", session), "") << reply;
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
     EXPECT_EQ(log.count("Sso: Attempting async verify flow for user session: '" + session + "'.\n"),
               1u);
-    EXPECT_TRUE(log.has("Sso: ERROR! Can't get auth info for user session: '" + session + "'.\n"));
+    EXPECT_TRUE(log.has(LoginChannel::noAuthInfo(session)));
 }
 
 TEST_F(FailoverTest, VerifyWithAConfigurationIdBeyondTheRecordsFailsOnBothRoads) {
@@ -254,7 +252,7 @@ TEST_F(FailoverTest, VerifyWithAConfigurationIdBeyondTheRecordsFailsOnBothRoads)
     ASSERT_EQ(host.start(), 0);
     host.send("SSO_VERIFY|code-1|s-beyond\n");
     EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|s-beyond\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: ERROR! Sync verify login also failed.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "Sso: Attempting async verify flow for user session: 's-beyond'.\n",
         "CurlRequest: ERROR! Invalid config ID.\n",
@@ -273,8 +271,8 @@ TEST_F(FailoverTest, VerifyWithAConfigurationIdBeyondTheRecordsFailsOnBothRoads)
     log.clear();
     host.send("SSO_VERIFY|code-1|s-beyond\n");
     EXPECT_EQ(host.readLine(5000), "SSO_VERIFY_FAILURE|s-beyond\n");
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.has("Sso: ERROR! Can't get auth info for user session: 's-beyond'.\n"));
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noAuthInfo("s-beyond")), "");
+    EXPECT_TRUE(log.has(LoginChannel::noAuthInfo("s-beyond")));
     EXPECT_FALSE(log.contains("Attempting async verify flow"));
 }
 
@@ -287,7 +285,7 @@ TEST_F(FailoverTest, VerifyWithAnEmptyConfigurationSlotFailsOnBothRoads) {
     ASSERT_EQ(host.start(), 0);
     host.send("SSO_VERIFY|code-1|s-null\n");
     EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|s-null\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: ERROR! Sync verify login also failed.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "CurlRequest: ERROR! Config is null.\n",
         "CurlRequest: ERROR! Failed to queue token exchange request.\n",
@@ -307,7 +305,7 @@ TEST_F(FailoverTest, RefreshWithABrokenConfigurationReferenceEndsBeforeAnyRoad) 
     ASSERT_EQ(host.start(), 0);
     host.send("SSO_REFRESH|uuid-1|v-beyond\n");
     EXPECT_EQ(host.readLine(5000), "SSO_REFRESH_FAILURE|v-beyond\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: Refresh token expired.\n"), "");
     EXPECT_TRUE(log.hasInOrder(
         {"SsoServer: ERROR! Config ID is invalid.\n", "Sso: Refresh token expired.\n"}));
     EXPECT_FALSE(log.contains("Attempting async refresh flow"));
@@ -317,8 +315,8 @@ TEST_F(FailoverTest, RefreshWithABrokenConfigurationReferenceEndsBeforeAnyRoad) 
     log.clear();
     host.send("SSO_REFRESH|uuid-1|v-beyond\n");
     EXPECT_EQ(host.readLine(5000), "SSO_REFRESH_FAILURE|v-beyond\n");
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.has("Sso: ERROR! Can't get refresh info for user session: 'v-beyond'.\n"));
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noRefreshInfo("v-beyond")), "");
+    EXPECT_TRUE(log.has(LoginChannel::noRefreshInfo("v-beyond")));
 }
 
 TEST_F(FailoverTest, BadNodeDataFailsOnBothRoadsOfANode) {
@@ -348,7 +346,7 @@ TEST_F(FailoverTest, BadNodeDataFailsOnBothRoadsOfANode) {
         log.clear();
         host.send("SSO_NODE_VERIFY|" + row.node + "|" + session + "\n");
         EXPECT_EQ(host.readLine(5000), "SSO_NODE_VERIFY_FAILURE|" + session + "\n");
-        EXPECT_EQ(host.readFor(300), "");
+        EXPECT_EQ(host.strayReplies(log, "Sso: ERROR! Sync node login also failed.\n"), "");
         std::vector<std::string> expected = {
             "Sso: Attempting async node verify flow for user session: '" + session + "'.\n"};
         expected.insert(expected.end(), row.flowLines.begin(), row.flowLines.end());
@@ -373,7 +371,7 @@ TEST_F(FailoverTest, NodeVerifyFailingOverOnAServerIsRefusedByTheGuard) {
     startServer();
     host.send("SSO_NODE_VERIFY|{\"provider\":\"keycloak\",\"qx_user_type\":\"local\"}|s-node\n");
     EXPECT_EQ(host.readLine(5000), "SSO_NODE_VERIFY_FAILURE|s-node\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: ERROR! Sync node login also failed.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "CurlRequest: ERROR! Failed to queue node userinfo request.\n",
         "Sso: Executing sync node login for user session: 's-node'.\n",

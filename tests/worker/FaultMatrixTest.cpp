@@ -7,10 +7,13 @@
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LogCapture.h"
 #include "tests/harness/LoginChannel.h"
+#include "tests/harness/LoopbackSocket.h"
 #include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
 
+#include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <memory>
@@ -97,6 +100,39 @@ FailureServer::Reply replyFor(Fault fault) {
     return reply;
 }
 
+// The flow's cause of failure as the drain logs it: the whole statement where it does not
+// depend on the command, else how it is framed ("<start>...<end>"); for a bad answer body, which
+// each flow reads in its own step, only that it is neither a connection nor a status failure.
+struct Cause {
+    std::string start;
+    std::string end;
+};
+Cause causeOf(Fault fault) {
+    std::string const failed = "Sso: Async flow failed: '";
+    switch (fault) {
+        case Fault::Status400:
+            return {failed + "HTTP error: {\"error\":\"invalid_grant\"}' HTTP: 400.\n", ""};
+        case Fault::Status500:
+            return {failed + "HTTP error: {\"error\":\"server_error\"}' HTTP: 500.\n", ""};
+        case Fault::Refused:
+            return {failed + "Curl error: " + curl_easy_strerror(CURLE_COULDNT_CONNECT) +
+                        "' HTTP: 0.\n",
+                    ""};
+        case Fault::UntrustedTls:
+            return {failed + "Curl error: " + curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION) +
+                        "' HTTP: 0.\n",
+                    ""};
+        case Fault::Reset:
+        case Fault::KilledMidFlow:
+            return {failed + "Curl error: ", "' HTTP: 0.\n"};
+        case Fault::NotJson:
+        case Fault::WrongTypes:
+        case Fault::EmptyBody:
+            break;
+    }
+    return {failed, ".\n"};
+}
+
 // The command's name, and the piece of its "started" log line.
 using Row = std::tuple<std::string, Fault>;
 
@@ -106,6 +142,9 @@ protected:
     void TearDown() override {
         host.stop();
         endpoints.reset();
+        if (held >= 0) {
+            close(held);
+        }
         // A refresh record a failed test may have left for a worker that never ran.
         SsoServer::getServer().clearConfigs();
         TestMachine::reset();
@@ -114,9 +153,12 @@ protected:
     // The server that plays the token and userinfo endpoints; its base URL.
     std::string startEndpoints(Fault fault) {
         if (fault == Fault::Refused) {
-            // A port that was just free: nothing listens on it any more.
-            FailureServer gone;
-            return gone.url();
+            // A port bound and never listened on: every connection is refused, and no other
+            // program can take the port while the test holds it.
+            int port = 0;
+            held = LoopbackSocket::open(-1, port);
+            EXPECT_GE(held, 0) << "no port to refuse connections on";
+            return "http://127.0.0.1:" + std::to_string(port);
         }
         endpoints = std::make_unique<FailureServer>(fault == Fault::UntrustedTls);
         endpoints->on("/token", replyFor(fault));
@@ -155,10 +197,7 @@ protected:
 
     // Waits until the endpoint server holds a request, then stops it under the flow.
     void killEndpointsMidFlow() {
-        for (int i = 0; i < 500 && endpoints->requests().empty(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        ASSERT_FALSE(endpoints->requests().empty()) << log.text();
+        ASSERT_TRUE(endpoints->waitForRequests(1)) << log.text();
         endpoints.reset();
     }
 
@@ -166,6 +205,7 @@ protected:
     WorkerHost host;
     FailureServer discovery;
     std::unique_ptr<FailureServer> endpoints;
+    int held = -1;
 };
 
 TEST_P(FaultMatrixTest, OneFailureLineAndTheWorkerServesTheNextCommand) {
@@ -190,6 +230,16 @@ TEST_P(FaultMatrixTest, OneFailureLineAndTheWorkerServesTheNextCommand) {
     EXPECT_EQ(host.readLine(20000), command + "_FAILURE|" + session + "\n") << log.text();
     EXPECT_TRUE(log.has("Sso: Processing completed async flow for session: '" + session + "'.\n"))
         << log.text();
+    Cause cause = causeOf(fault);
+    if (cause.end.empty()) {
+        EXPECT_TRUE(log.has(cause.start)) << log.text();
+    } else {
+        EXPECT_TRUE(log.hasFramed(cause.start, cause.end)) << log.text();
+    }
+    if (fault == Fault::NotJson || fault == Fault::WrongTypes || fault == Fault::EmptyBody) {
+        EXPECT_FALSE(log.contains("Sso: Async flow failed: 'Curl error: ")) << log.text();
+        EXPECT_FALSE(log.contains("Sso: Async flow failed: 'HTTP error: ")) << log.text();
+    }
     // No second line, and the next command is answered.
     EXPECT_EQ(host.repliesBeforeFence(), "");
 }

@@ -20,6 +20,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -27,6 +28,32 @@
 #include <vector>
 
 namespace {
+
+// The counts of ProcessUsage are the whole process's: in a test program, servers of earlier
+// tests still winding down and the shared provider's readers move them while a test measures.
+// So a test that compares them runs again, alone, in a program of its own: true there (run the
+// body), false here, after that program ran and its result was checked.
+bool runsAlone() {
+    if (std::getenv("QXSS_ALONE") != nullptr) {
+        return true;
+    }
+    auto const *test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(test->test_suite_name()) + "." + test->name();
+    char self[4096];
+    ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    EXPECT_GT(length, 0);
+    if (length <= 0) {
+        return false;
+    }
+    self[length] = '\0';
+    ChildProcess alone;
+    EXPECT_TRUE(alone.start({"env", "QXSS_ALONE=1", self, "--gtest_filter=" + name}));
+    std::string passed = alone.waitForLine("[  PASSED  ] ", 600000);
+    int status = alone.waitForExit(60000);
+    EXPECT_EQ(passed, "1 test.") << name << " failed alone; run it with QXSS_ALONE=1 to see why";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return false;
+}
 
 class HostMisuseTest : public ::testing::Test {
 protected:
@@ -81,6 +108,9 @@ TEST_F(HostMisuseTest, HostClosingItsEndWithRepliesPendingKillsNothing) {
 }
 
 TEST_F(HostMisuseTest, TenMegabytesWithoutALineEndKeepMemoryBounded) {
+    if (!runsAlone()) {
+        return;
+    }
     DiscardedLog quiet;
     ASSERT_EQ(host.start(), 0);
     ASSERT_EQ(host.repliesBeforeFence(), "");
@@ -118,13 +148,16 @@ TEST_F(HostMisuseTest, DestroyWithFlowsInFlightReturnsAtOnceAndAStartAfterItWork
     host.stop();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
     EXPECT_TRUE(log.has("Sso: Destroying sso environment.\n"));
-    // The flows in flight answer nothing.
-    EXPECT_EQ(host.readFor(300), "");
+    // The flows in flight answer nothing: the old worker has ended, so whatever it wrote is
+    // already in the channel, ahead of the fence's reply from the new one.
     ASSERT_EQ(host.start(), 0);
     EXPECT_EQ(host.repliesBeforeFence(), "");
 }
 
 TEST_F(HostMisuseTest, AThousandStartsAndStopsKeepNothing) {
+    if (!runsAlone()) {
+        return;
+    }
     DiscardedLog quiet;
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
@@ -167,9 +200,7 @@ TEST_P(HostExitTest, ProcessEndsCleanlyWithoutSsoDestroy) {
     // "READY" once the worker runs (and the flows are in flight).
     EXPECT_EQ(child.waitForLine("READ", 20000), "Y");
     if (inFlight) {
-        for (int i = 0; i < 2000 && stuck.requests().size() < 3; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        EXPECT_TRUE(stuck.waitForRequests(3, 20000));
         EXPECT_EQ(stuck.requests().size(), 3u);
         ASSERT_TRUE(child.send("GO\n"));
     }

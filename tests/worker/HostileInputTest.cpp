@@ -80,7 +80,7 @@ TEST(HostileInputTest, ConfigurationFilesNeverCrash) {
         // Every round must reach the parser, or the test would prove nothing.
         ASSERT_TRUE(server.setConfigPath());
         ASSERT_TRUE(server.setMachineType());
-        ASSERT_EQ(server.machineType, 0);
+        ASSERT_EQ(server.machineType, SsoServer::kMachineServer);
         (server.loadConfigsJson() ? loaded : refused) += 1;
     }
     // Both roads were taken: some edits keep the file valid, most break it.

@@ -133,14 +133,27 @@ TEST(LifecycleTest, ReadFailureClosesThePipeAndDestroyLeavesReusedNumbersAlone) 
                             " and FD#" + std::to_string(fds.second) + ".\n"));
     EXPECT_TRUE(log.has("Sso: Worker thread " + id + " readed -1 bytes from FD#" +
                         std::to_string(directory) + ".\n"));
-    // Wait for the worker to have closed both ends, then let the numbers be reused.
-    for (int i = 0; i < 1000 && fcntl(fds.second, F_GETFD) != -1; ++i) {
+    // Wait for the worker to have closed both ends, then reuse exactly those numbers for a
+    // pipe of our own (the kernel's choice of numbers is not ours to count on).
+    for (int i = 0;
+         i < 10000 && (fcntl(fds.first, F_GETFD) != -1 || fcntl(fds.second, F_GETFD) != -1); ++i) {
         usleep(1000);
     }
-    int reused[2];
-    ASSERT_EQ(pipe2(reused, O_CLOEXEC), 0);
-    EXPECT_TRUE((reused[0] == fds.first && reused[1] == fds.second) ||
-                (reused[0] == fds.second && reused[1] == fds.first));
+    ASSERT_EQ(fcntl(fds.first, F_GETFD), -1);
+    ASSERT_EQ(fcntl(fds.second, F_GETFD), -1);
+    // The pipe's ends first move above the two numbers, wherever the kernel put them.
+    int made[2];
+    ASSERT_EQ(pipe2(made, O_CLOEXEC), 0);
+    int high[2] = {fcntl(made[0], F_DUPFD_CLOEXEC, 512), fcntl(made[1], F_DUPFD_CLOEXEC, 512)};
+    close(made[0]);
+    close(made[1]);
+    ASSERT_GE(high[0], 512);
+    ASSERT_GE(high[1], 512);
+    int reused[2] = {dup3(high[0], fds.first, O_CLOEXEC), dup3(high[1], fds.second, O_CLOEXEC)};
+    close(high[0]);
+    close(high[1]);
+    ASSERT_EQ(reused[0], fds.first);
+    ASSERT_EQ(reused[1], fds.second);
     SsoDestroy();
     EXPECT_TRUE(log.has("Sso: Destroying sso environment.\n"));
     // Nothing was written to, or closed on, the reused numbers.

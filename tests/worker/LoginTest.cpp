@@ -63,7 +63,7 @@ TEST_F(LoginTest, RefreshOnGivesARandomSessionAndARecord) {
     EXPECT_EQ(token.sessionValue.find('|'), std::string::npos);
     EXPECT_EQ(token.expiry, std::to_string(kNow + 600));
     EXPECT_EQ(token.userSession, session);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
 
     // The worker is idle after its reply: nothing else touches the stores now.
     auto &server = SsoServer::getServer();
@@ -107,7 +107,7 @@ TEST_F(LoginTest, RefreshOffRevokesTheRefreshTokenAndGivesTheDefaultSession) {
     std::string reply = LoginChannel::login(host, 0, session);
     EXPECT_EQ(reply,
               "SSO_VERIFY_OK|alice|000|" + std::to_string(kNow + 600) + "|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
     EXPECT_EQ(provider.requestCount("/token/revocation"), revocations + 1);
     EXPECT_TRUE(SsoServer::getServer().refreshInfoBySession.empty());
     EXPECT_TRUE(log.hasInOrder({
@@ -123,7 +123,7 @@ TEST_F(LoginTest, RefreshOffFailsWhenTheProviderRevokesWithAnEmptyAnswer) {
     int revocations = provider.requestCount("/token/revocation");
     std::string session = LoginDriver::newSession();
     EXPECT_EQ(LoginChannel::login(host, 0, session), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
     // The token did reach the provider; only the empty answer fails the login.
     EXPECT_EQ(provider.requestCount("/token/revocation"), revocations + 1);
     EXPECT_TRUE(log.hasInOrder({
@@ -168,7 +168,7 @@ TEST_F(LoginTest, UserTypeUserNameAndProviderDecideTheName) {
         ASSERT_TRUE(token.ok) << rows[id].provider << ": " << reply;
         EXPECT_EQ(token.user, rows[id].expected) << rows[id].provider << " " << rows[id].userType;
         EXPECT_EQ(token.userSession, session);
-        EXPECT_EQ(host.readFor(300), "");
+        EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
     }
 }
 
@@ -184,14 +184,13 @@ TEST_F(LoginTest, RepeatedVerifyForOneSessionFailsAtOnce) {
     EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + session + "\n");
     std::string reply = host.readLine(10000);
     EXPECT_TRUE(LoginChannel::parse(reply).ok) << reply;
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_EQ(log.count("Sso: ERROR! Can't get auth info for user session: '" + session + "'.\n"),
-              1u);
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
+    EXPECT_EQ(log.count(LoginChannel::noAuthInfo(session)), 1u);
 
     // After the login the same command still finds nothing.
     host.send(command);
     EXPECT_EQ(host.readLine(5000), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noAuthInfo(session)), "");
 }
 
 TEST_F(LoginTest, WrongCodeFailsAndUsesUpThePendingLogin) {
@@ -201,15 +200,15 @@ TEST_F(LoginTest, WrongCodeFailsAndUsesUpThePendingLogin) {
     ASSERT_TRUE(authorization.ok) << authorization.error;
     host.send("SSO_VERIFY|not-a-code-" + authorization.code + "|" + session + "\n");
     EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
     EXPECT_TRUE(log.has("Sso: Async flow failed: 'HTTP error: " + kInvalidGrant + "' HTTP: 400.\n"))
         << log.text();
 
     // The pending login went with the failed exchange: the right code cannot follow.
     host.send("SSO_VERIFY|" + authorization.code + "|" + session + "\n");
     EXPECT_EQ(host.readLine(5000), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.has("Sso: ERROR! Can't get auth info for user session: '" + session + "'.\n"));
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noAuthInfo(session)), "");
+    EXPECT_TRUE(log.has(LoginChannel::noAuthInfo(session)));
 }
 
 TEST_F(LoginTest, CodeThatWasAlreadyUsedFails) {
@@ -227,7 +226,7 @@ TEST_F(LoginTest, CodeThatWasAlreadyUsedFails) {
     host.send("SSO_VERIFY|" + authorization.code + "|" + first + "\n");
     std::string reply = host.readLine(10000);
     ASSERT_TRUE(LoginChannel::parse(reply).ok) << reply;
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(first)), "");
 
     host.send("SSO_GET_CONFIG|0|" + second + "\n");
     std::string config = host.readLine(5000);
@@ -237,7 +236,7 @@ TEST_F(LoginTest, CodeThatWasAlreadyUsedFails) {
     ASSERT_EQ(config, sameChallenge);
     host.send("SSO_VERIFY|" + authorization.code + "|" + second + "\n");
     EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + second + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(second)), "");
     EXPECT_TRUE(log.has("Sso: Async flow failed: 'HTTP error: " + kInvalidGrant + "' HTTP: 400.\n"))
         << log.text();
 }
@@ -318,7 +317,7 @@ TEST_F(LoginTest, ProviderFailuresEndInTheFailureLine) {
         log.clear();
         host.send("SSO_VERIFY|anycode|" + session + "\n");
         EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + session + "\n") << rows[id].what;
-        EXPECT_EQ(host.readFor(300), "") << rows[id].what;
+        EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "") << rows[id].what;
         EXPECT_TRUE(log.hasInOrder(rows[id].lines)) << rows[id].what << "\n" << log.text();
         auto requests = providers[id]->requests();
         ASSERT_FALSE(requests.empty());
@@ -340,7 +339,7 @@ TEST_F(LoginTest, FlowThatCannotStartTakesTheBlockingRoadAndUsesUpTheRecord) {
     ASSERT_EQ(host.start(), 0);
     host.send("SSO_VERIFY|code|" + session + "\n");
     EXPECT_EQ(host.readLine(5000), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: ERROR! Sync verify login also failed.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "Sso: Attempting async verify flow for user session: '" + session + "'.\n",
         "CurlRequest: Starting verify flow for session '" + session + "'.\n",
@@ -363,8 +362,8 @@ TEST_F(LoginTest, FlowThatCannotStartTakesTheBlockingRoadAndUsesUpTheRecord) {
     // The blocking road consumed the restored record.
     host.send("SSO_VERIFY|code|" + session + "\n");
     EXPECT_EQ(host.readLine(5000), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.has("Sso: ERROR! Can't get auth info for user session: '" + session + "'.\n"));
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noAuthInfo(session)), "");
+    EXPECT_TRUE(log.has(LoginChannel::noAuthInfo(session)));
 }
 
 TEST_F(LoginTest, BlockingRoadAnswersWithTheSameWordsWhenTheSessionHasAFlow) {
@@ -390,7 +389,7 @@ TEST_F(LoginTest, BlockingRoadAnswersWithTheSameWordsWhenTheSessionHasAFlow) {
     ASSERT_TRUE(token.ok) << reply;
     EXPECT_EQ(token.user, "alice");
     EXPECT_EQ(token.userSession, session);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: Sync verify login succeeded (failover).\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "CurlRequest: ERROR! Session already has active flow.\n",
         "Sso: WARNING! Async verify flow failed to start. Falling back to sync path for user "
@@ -404,7 +403,7 @@ TEST_F(LoginTest, BlockingRoadAnswersWithTheSameWordsWhenTheSessionHasAFlow) {
     // The first flow ends when its provider goes away, with its own reply.
     stuck.reset();
     EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
     EXPECT_TRUE(log.contains("Sso: Async flow failed: 'Curl error: "));
 }
 
@@ -443,12 +442,12 @@ TEST_F(LoginTest, LoginsInFlightTogetherFinishOutOfOrderWithTheirOwnSessions) {
         users.insert(token.user);
     }
     EXPECT_EQ(users, (std::set<std::string>{"alice", "bob"}));
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(localSession)), "");
 
     // The first command's reply comes last.
     slow.reset();
     EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + slowSession + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(slowSession)), "");
 }
 
 }  // namespace

@@ -33,15 +33,16 @@ protected:
     // cluster's server does; then stops the server's worker. The node JSON and the session.
     std::pair<std::string, std::string> issueNodeConfig(LoginDriver::Entry const &entry) {
         EXPECT_EQ(LoginChannel::startServer(server, {entry}), "SSO_LOAD_CONFIGS_OK\n");
-        std::string reply = LoginChannel::login(server, 0, LoginDriver::newSession());
+        std::string userSession = LoginDriver::newSession();
+        std::string reply = LoginChannel::login(server, 0, userSession);
         auto token = LoginChannel::parse(reply);
         EXPECT_TRUE(token.ok) << reply;
-        EXPECT_EQ(server.readFor(300), "");
+        EXPECT_EQ(server.strayReplies(log, LoginChannel::drained(userSession)), "");
         server.send("SSO_GET_NODE_CONFIG|" + token.sessionValue + "\n");
         std::string line = server.readLine(5000);
         auto config = LoginChannel::nodeConfig(line);
         EXPECT_EQ(config.second, token.sessionValue) << line;
-        EXPECT_EQ(server.readFor(300), "");
+        EXPECT_EQ(server.strayReplies(log, "SsoServer: Finalizing node configuration.\n"), "");
         // Reading does not consume the record.
         EXPECT_EQ(SsoServer::getServer().refreshInfoBySession.count(token.sessionValue), 1u);
         server.stop();
@@ -94,7 +95,7 @@ TEST_F(NodeVerifyTest, NodeConfirmsTheUserOfTheServersLogin) {
     node.send("SSO_NODE_VERIFY|" + json + "|" + session + "\n");
     // The node form: user and session, and no user session after it.
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_OK|alice|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, LoginChannel::drained(session)), "");
     EXPECT_EQ(provider.requestCount("/me"), userinfoRequests + 1);
     EXPECT_TRUE(log.hasInOrder({
         "Sso: Attempting async node verify flow for user session: '" + session + "'.\n",
@@ -122,14 +123,14 @@ TEST_F(NodeVerifyTest, QxProxyInTheNodeConfigIsNotUsedButProxyIs) {
     int before = proxy.connections();
     node.send("SSO_NODE_VERIFY|" + json + "|" + session + "\n");
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_OK|alice|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, LoginChannel::drained(session)), "");
     EXPECT_EQ(proxy.connections(), before);
 
     // The key this road reads is "proxy".
     std::string withProxy = "{\"proxy\":\"" + proxy.url() + "\"," + json.substr(1);
     node.send("SSO_NODE_VERIFY|" + withProxy + "|" + session + "\n");
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_OK|alice|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, LoginChannel::drained(session)), "");
     EXPECT_EQ(proxy.connections(), before + 1);
 }
 
@@ -140,7 +141,7 @@ TEST_F(NodeVerifyTest, AccessTokenTheProviderRefusesFails) {
               nodeJson(LocalProvider::shared().baseUrl() + "/me", "not-a-real-token") + "|" +
               session + "\n");
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, LoginChannel::drained(session)), "");
     std::string failed = lineStartingWith("Sso: Async flow failed: 'HTTP error: ");
     EXPECT_NE(failed.find("invalid_token"), std::string::npos) << log.text();
     EXPECT_NE(failed.find("' HTTP: 401.\n"), std::string::npos) << failed;
@@ -151,7 +152,7 @@ TEST_F(NodeVerifyTest, NodeConfigThatIsNotJsonFailsOnBothRoads) {
     std::string const session = "node-user-session";
     node.send("SSO_NODE_VERIFY|not json at all|" + session + "\n");
     EXPECT_EQ(node.readLine(5000), "SSO_NODE_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, "Sso: ERROR! Sync node login also failed.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "Sso: Attempting async node verify flow for user session: '" + session + "'.\n",
         "CurlRequest: Starting node verify flow for session '" + session + "'.\n",
@@ -173,7 +174,7 @@ TEST_F(NodeVerifyTest, NodeConfigWithoutUserinfoUriLeavesNoFlowBehind) {
     std::string const session = "node-user-session";
     node.send("SSO_NODE_VERIFY|" + nodeJson("", "token") + "|" + session + "\n");
     EXPECT_EQ(node.readLine(5000), "SSO_NODE_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, "Sso: ERROR! Sync node login also failed.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "CurlRequest: ERROR! Node config missing required fields.\n",
         "CurlRequest: ERROR! Failed to queue node userinfo request.\n",
@@ -187,7 +188,7 @@ TEST_F(NodeVerifyTest, NodeConfigWithoutUserinfoUriLeavesNoFlowBehind) {
     log.clear();
     node.send("SSO_NODE_VERIFY|" + nodeJson(idp.url("/me"), "token") + "|" + session + "\n");
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_OK|carol|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, LoginChannel::drained(session)), "");
     EXPECT_TRUE(log.has("Sso: Started async node verify flow successfully for user session: '" +
                         session + "'.\n"));
 }
@@ -198,7 +199,7 @@ TEST_F(NodeVerifyTest, NodeConfigWithoutProviderReadsTheDefaultClaim) {
     becomeNode();
     node.send("SSO_NODE_VERIFY|" + nodeJson(idp.url("/me"), "token", "") + "|s-1\n");
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_OK|carol|s-1\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, LoginChannel::drained("s-1")), "");
     EXPECT_TRUE(
         log.has("SsoServer: Reading userinfo response. Provider: '' , user name "
                 "preference: '' , user type preference: 'local'.\n"))
@@ -206,7 +207,7 @@ TEST_F(NodeVerifyTest, NodeConfigWithoutProviderReadsTheDefaultClaim) {
     // The same document read for "okta" gives its preferred name.
     node.send("SSO_NODE_VERIFY|" + nodeJson(idp.url("/me"), "token", "okta") + "|s-2\n");
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_OK|cc|s-2\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, LoginChannel::drained("s-2")), "");
     auto requests = idp.requests();
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_NE((requests[0].headers + "\r\n").find("Authorization: Bearer token\r\n"),
@@ -218,7 +219,7 @@ TEST_F(NodeVerifyTest, OnAServerAFlowThatCannotStartFails) {
     std::string const session = "server-user-session";
     server.send("SSO_NODE_VERIFY|not json|" + session + "\n");
     EXPECT_EQ(server.readLine(5000), "SSO_NODE_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(server.readFor(300), "");
+    EXPECT_EQ(server.strayReplies(log, "Sso: ERROR! Sync node login also failed.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "Sso: WARNING! Async node verify flow failed to start. Falling back to sync path for "
         "user session: '" +
@@ -244,7 +245,7 @@ TEST_F(NodeVerifyTest, BlockingRoadVerifiesWhenTheSessionHasAFlow) {
 
     node.send("SSO_NODE_VERIFY|" + nodeJson(idp.url("/me"), "t-2") + "|" + session + "\n");
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_OK|carol|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, "Sso: Sync node login succeeded (failover).\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "CurlRequest: ERROR! Session already has active flow.\n",
         "Sso: WARNING! Async node verify flow failed to start. Falling back to sync path for "
@@ -258,7 +259,7 @@ TEST_F(NodeVerifyTest, BlockingRoadVerifiesWhenTheSessionHasAFlow) {
 
     stuck.reset();
     EXPECT_EQ(node.readLine(10000), "SSO_NODE_VERIFY_FAILURE|" + session + "\n");
-    EXPECT_EQ(node.readFor(300), "");
+    EXPECT_EQ(node.strayReplies(log, LoginChannel::drained(session)), "");
 }
 
 }  // namespace

@@ -46,10 +46,11 @@ protected:
 
     // A login at the local provider on configuration `id`; its session value, or "".
     std::string localLogin(int id = 0) {
-        std::string reply = LoginChannel::login(host, id, LoginDriver::newSession());
+        std::string session = LoginDriver::newSession();
+        std::string reply = LoginChannel::login(host, id, session);
         auto token = LoginChannel::parse(reply);
         EXPECT_TRUE(token.ok) << reply;
-        EXPECT_EQ(host.readFor(300), "");
+        EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
         return token.sessionValue;
     }
 
@@ -63,7 +64,7 @@ protected:
         std::string reply = host.readLine(10000);
         auto token = LoginChannel::parse(reply);
         EXPECT_TRUE(token.ok) << reply;
-        EXPECT_EQ(host.readFor(300), "");
+        EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
         return token.sessionValue;
     }
 
@@ -89,7 +90,7 @@ TEST_F(RefreshTest, NewSessionValueReplacesTheOldOneWhichIsThenDead) {
     EXPECT_NE(token.sessionValue, first);
     EXPECT_EQ(token.expiry, std::to_string(kStart + 100 + 600));
     EXPECT_EQ(token.userSession, first);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(first)), "");
     std::string second = token.sessionValue;
 
     auto &records = SsoServer::getServer().refreshInfoBySession;
@@ -115,8 +116,8 @@ TEST_F(RefreshTest, NewSessionValueReplacesTheOldOneWhichIsThenDead) {
     // The old value was good for one refresh.
     host.send("SSO_REFRESH|8d6c1f52-uuid|" + first + "\n");
     EXPECT_EQ(host.readLine(5000), refreshFailure(first));
-    EXPECT_EQ(host.readFor(300), "");
-    EXPECT_TRUE(log.has("Sso: ERROR! Can't get refresh info for user session: '" + first + "'.\n"));
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noRefreshInfo(first)), "");
+    EXPECT_TRUE(log.has(LoginChannel::noRefreshInfo(first)));
 
     // The new one refreshes in turn.
     host.send("SSO_REFRESH|other-uuid|" + second + "\n");
@@ -124,7 +125,7 @@ TEST_F(RefreshTest, NewSessionValueReplacesTheOldOneWhichIsThenDead) {
     ASSERT_TRUE(third.ok);
     EXPECT_EQ(third.userSession, second);
     EXPECT_NE(third.sessionValue, second);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(second)), "");
 }
 
 TEST_F(RefreshTest, TwoRefreshesOfOneSessionInOneReadGetTwoReplies) {
@@ -137,7 +138,7 @@ TEST_F(RefreshTest, TwoRefreshesOfOneSessionInOneReadGetTwoReplies) {
     auto token = LoginChannel::parse(reply, "SSO_REFRESH_OK|");
     ASSERT_TRUE(token.ok) << reply;
     EXPECT_EQ(token.userSession, value);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(value)), "");
     EXPECT_EQ(log.count("Sso: Attempting async refresh flow for user session: '" + value + "'.\n"),
               1u);
 }
@@ -149,13 +150,13 @@ TEST_F(RefreshTest, RecordOfExactlyTheLifetimeRefreshesAndOneSecondMoreIsDropped
     host.send("SSO_REFRESH|u|" + first + "\n");
     auto token = LoginChannel::parse(host.readLine(10000), "SSO_REFRESH_OK|");
     ASSERT_TRUE(token.ok);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(first)), "");
 
     now = kStart + 60 + 61;
     log.clear();
     host.send("SSO_REFRESH|u|" + token.sessionValue + "\n");
     EXPECT_EQ(host.readLine(5000), refreshFailure(token.sessionValue));
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: Refresh token expired.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "SsoServer: Pop OAuth refresh info for user session: '" + token.sessionValue + "'.\n",
         "SsoServer: ERROR! Information is expired. Time limit was60s, but passed: 61s.\n",
@@ -167,7 +168,7 @@ TEST_F(RefreshTest, RecordOfExactlyTheLifetimeRefreshesAndOneSecondMoreIsDropped
     // The aged record was not put back.
     host.send("SSO_REFRESH|u|" + token.sessionValue + "\n");
     EXPECT_EQ(host.readLine(5000), refreshFailure(token.sessionValue));
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noRefreshInfo(token.sessionValue)), "");
 }
 
 TEST_F(RefreshTest, RecordOfAnUnknownConfigurationIsDroppedWithoutAFlow) {
@@ -178,7 +179,7 @@ TEST_F(RefreshTest, RecordOfAnUnknownConfigurationIsDroppedWithoutAFlow) {
     ASSERT_EQ(host.start(), 0);
     host.send("SSO_REFRESH|u|" + value + "\n");
     EXPECT_EQ(host.readLine(5000), refreshFailure(value));
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: Refresh token expired.\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "SsoServer: Validating information for refresh process with config ID: 5.\n",
         "SsoServer: ERROR! Config ID is invalid.\n",
@@ -187,7 +188,7 @@ TEST_F(RefreshTest, RecordOfAnUnknownConfigurationIsDroppedWithoutAFlow) {
     EXPECT_FALSE(log.contains("Push OAuth refresh info"));
     host.send("SSO_REFRESH|u|" + value + "\n");
     EXPECT_EQ(host.readLine(5000), refreshFailure(value));
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::noRefreshInfo(value)), "");
 }
 
 TEST_F(RefreshTest, StoredRefreshTokenStaysWhenTheAnswerHasNone) {
@@ -206,7 +207,7 @@ TEST_F(RefreshTest, StoredRefreshTokenStaysWhenTheAnswerHasNone) {
     auto token = LoginChannel::parse(reply, "SSO_REFRESH_OK|");
     ASSERT_TRUE(token.ok) << reply;
     EXPECT_EQ(token.user, "bob");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(first)), "");
     ASSERT_EQ(records.size(), 1u);
     ASSERT_EQ(records.count(token.sessionValue), 1u);
     EXPECT_EQ(records[token.sessionValue].refreshToken, "rt-1");
@@ -232,7 +233,7 @@ TEST_F(RefreshTest, StoredRefreshTokenStaysWhenTheAnswerHasNone) {
     host.send("SSO_REFRESH|u|" + token.sessionValue + "\n");
     auto rotated = LoginChannel::parse(host.readLine(10000), "SSO_REFRESH_OK|");
     ASSERT_TRUE(rotated.ok);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(token.sessionValue)), "");
     ASSERT_EQ(records.count(rotated.sessionValue), 1u);
     EXPECT_EQ(records[rotated.sessionValue].refreshToken, "rt-3");
 }
@@ -288,13 +289,13 @@ TEST_F(RefreshTest, AnswersThatEndTheRefreshUseUpTheRecord) {
         log.clear();
         host.send("SSO_REFRESH|u|" + value + "\n");
         EXPECT_EQ(host.readLine(10000), refreshFailure(value)) << rows[i].what;
-        EXPECT_EQ(host.readFor(300), "") << rows[i].what;
+        EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(value)), "") << rows[i].what;
         EXPECT_TRUE(log.hasInOrder(rows[i].lines)) << rows[i].what << "\n" << log.text();
         // Neither the old nor a new record is left.
         EXPECT_TRUE(records.empty()) << rows[i].what;
         host.send("SSO_REFRESH|u|" + value + "\n");
         EXPECT_EQ(host.readLine(5000), refreshFailure(value)) << rows[i].what;
-        EXPECT_EQ(host.readFor(300), "") << rows[i].what;
+        EXPECT_EQ(host.strayReplies(log, LoginChannel::noRefreshInfo(value)), "") << rows[i].what;
     }
 }
 
@@ -321,7 +322,7 @@ TEST_F(RefreshTest, BlockingRoadRefreshesWhenTheSessionValueHasAFlow) {
     EXPECT_EQ(token.user, "alice");
     EXPECT_EQ(token.userSession, value);
     EXPECT_NE(token.sessionValue, value);
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "Sso: Sync refresh login succeeded (failover).\n"), "");
     EXPECT_TRUE(log.hasInOrder({
         "Sso: Attempting async refresh flow for user session: '" + value + "'.\n",
         "CurlRequest: ERROR! Session already has active flow.\n",
@@ -338,7 +339,7 @@ TEST_F(RefreshTest, BlockingRoadRefreshesWhenTheSessionValueHasAFlow) {
 
     stuck.reset();
     EXPECT_EQ(host.readLine(10000), "SSO_VERIFY_FAILURE|" + value + "\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(value)), "");
 }
 
 }  // namespace
