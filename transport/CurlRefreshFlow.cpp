@@ -51,7 +51,7 @@ bool CurlRequest::queueRevokeRequest(AsyncFlowContext &context) {
         return false;
     }
     if (config->revokeUri.empty()) {
-        Log() << "CurlRequest: No revoke URI configured, skipping.\n";
+        Log() << "CurlRequest: No revoke URI configured, skipping..\n";
         return false;
     }
     std::string body = buildFormBody({
