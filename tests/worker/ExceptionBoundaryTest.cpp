@@ -137,7 +137,7 @@ TEST_F(ExceptionBoundaryTest, EveryExportAnswersWithItsFailureValue) {
     EXPECT_FALSE(log.lines().empty());
 }
 
-int throwingCalls = 0;
+std::atomic<int> throwingCalls{0};
 
 void throwingCallback(char const *, void *) {
     ++throwingCalls;
@@ -154,7 +154,7 @@ TEST_F(ExceptionBoundaryTest, ALogCallbackThatThrowsIsIgnored) {
     EXPECT_EQ(host.readLine(10000), "SSO_NODE_VERIFY_OK|ann|s-callback-throws\n");
     host.stop();
     SsoSetLogCallback(nullptr, nullptr);
-    EXPECT_GT(throwingCalls, 10);
+    EXPECT_GT(throwingCalls.load(), 10);
 }
 
 TEST_F(ExceptionBoundaryTest, ADrainThatThrowsKeepsItsResultForTheNextTurn) {
