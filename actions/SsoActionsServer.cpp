@@ -46,6 +46,8 @@ int SsoActions::initialize() {
     Log() << "SsoActions: Initializing SsoRequest.\n";
     if (!SsoRequest::getNetwork().init(CURL_GLOBAL_ALL)) {
         Log() << "SsoActions: ERROR! SsoRequest initialization failed.\n";
+        // Left initialized, CurlRequest would refuse every later start.
+        CurlRequest::getNetwork().cleanUp();
         return -1;
     }
     Log() << "SsoActions: SsoRequest initialized successfully.\n";

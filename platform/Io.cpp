@@ -1,5 +1,7 @@
 #include "platform/Io.h"
 
+#include "platform/PlatformFakes.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -64,6 +66,11 @@ int Io::pipe(int fds[2], int flags, int size) {
 }
 
 int Io::wait(int first, int second, int ms) {
+    auto const &fake = PlatformFakes::waitFailure();
+    if (fake && fake()) {
+        errno = EIO;
+        return -1;
+    }
     struct pollfd polled[2] = {{first, POLLIN, 0}, {second, POLLIN, 0}};
     int ready = ::poll(polled, 2, ms);
     if (ready < 0) {

@@ -54,7 +54,12 @@ void LogSink::setCallback(Callback callback, void *context) {
 void LogSink::emit(std::string const &text) {
     std::lock_guard<std::recursive_mutex> lock(sinkMutex());
     if (sinkCallback != nullptr) {
-        sinkCallback(text.c_str(), sinkContext);
+        // A throw from the host's callback is dropped: logging it would call the callback again,
+        // and it must not end the statement's writer, which may be a destructor.
+        try {
+            sinkCallback(text.c_str(), sinkContext);
+        } catch (...) {
+        }
     } else {
         toSyslog(text);
     }

@@ -32,7 +32,19 @@ std::function<void(char const *)> &PlatformFakes::workerStep() {
     return hook;
 }
 
+std::function<void(char const *)> &PlatformFakes::allocation() {
+    static std::function<void(char const *)> &hook = *new std::function<void(char const *)>;
+    return hook;
+}
+
+std::function<bool()> &PlatformFakes::waitFailure() {
+    static std::function<bool()> &hook = *new std::function<bool()>;
+    return hook;
+}
+
 void PlatformFakes::reset() {
+    waitFailure() = nullptr;
+    allocation() = nullptr;
     workerStep() = nullptr;
     configDir() = nullptr;
     clock() = nullptr;

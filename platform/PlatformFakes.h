@@ -33,6 +33,16 @@ public:
     // handling. A test throws from it to prove that the worker survives a throw at that step.
     static std::function<void(char const *step)> &workerStep();
 
+    // Called where the library takes in outside data of any size: "CurlRequest write" before
+    // the write callback appends an answer's bytes, and each exported function's name on entry.
+    // A test throws from it (std::bad_alloc, say), since a real allocation failure cannot be
+    // brought about reliably: the process must survive it and answer with a failure value.
+    static std::function<void(char const *where)> &allocation();
+
+    // Asked by Io::wait before it polls: true makes the wait fail (-1, errno EIO) as a broken
+    // descriptor would.
+    static std::function<bool()> &waitFailure();
+
     // Clears every hook.
     static void reset();
 };

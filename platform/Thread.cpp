@@ -70,6 +70,10 @@ int ThreadCreate(uint64_t *handle, uint64_t *id, void *(*body)(void *), void *ar
     return 1;
 }
 
+int ThreadIsCurrent(uint64_t handle) {
+    return pthread_equal(pthread_self(), static_cast<pthread_t>(handle)) != 0 ? 1 : 0;
+}
+
 int ThreadJoin(uint64_t handle, void **result) {
     void *ignored = nullptr;
     if (pthread_join(static_cast<pthread_t>(handle), result ? result : &ignored) != 0) {

@@ -18,17 +18,30 @@ char *failed(char const *message) {
     return nullptr;
 }
 
+// Member `key` of a node configuration as text into `value` ("" when absent, `present`
+// false); false (logged) when it is an object or an array.
+bool readField(Json::Value const &config, char const *key, std::string &value, bool &present) {
+    MemberText how = readMember(config, key, value);
+    if (how == MemberText::WrongType) {
+        Log() << "SsoServer: ERROR! Field '" << key << "' has a value of a wrong type.\n";
+        return false;
+    }
+    present = how == MemberText::Text;
+    if (!present) {
+        value.clear();
+    }
+    return true;
+}
+
 // One required member of a node configuration: present, text and not empty.
 bool requiredField(Json::Value const &config, char const *key, std::string &value) {
-    switch (readMember(config, key, value)) {
-        case MemberText::Missing:
-            Log() << "SsoServer: ERROR! Field '" << key << "' is not set in config.\n";
-            return false;
-        case MemberText::WrongType:
-            Log() << "SsoServer: ERROR! Field '" << key << "' has a value of a wrong type.\n";
-            return false;
-        case MemberText::Text:
-            break;
+    bool present = false;
+    if (!readField(config, key, value, present)) {
+        return false;
+    }
+    if (!present) {
+        Log() << "SsoServer: ERROR! Field '" << key << "' is not set in config.\n";
+        return false;
     }
     if (value.empty()) {
         Log() << "SsoServer: ERROR! Value of field '" << key << "' is empty.\n";
@@ -37,14 +50,17 @@ bool requiredField(Json::Value const &config, char const *key, std::string &valu
     return true;
 }
 
-// An optional member of a node configuration; "" with a warning when absent or empty.
-std::string optionalField(Json::Value const &config, char const *key) {
-    std::string value;
-    if (readMember(config, key, value) != MemberText::Text || value.empty()) {
-        Log() << "SsoServer: WARNING! Field '" << key << "' is not set in config.\n";
-        return std::string();
+// An optional member of a node configuration; "" with a warning when absent or empty, false
+// (logged) when of a wrong type.
+bool optionalField(Json::Value const &config, char const *key, std::string &value) {
+    bool present = false;
+    if (!readField(config, key, value, present)) {
+        return false;
     }
-    return value;
+    if (value.empty()) {
+        Log() << "SsoServer: WARNING! Field '" << key << "' is not set in config.\n";
+    }
+    return true;
 }
 
 }  // namespace
@@ -149,8 +165,12 @@ char *SsoServer::nodeFlow(std::string const &nodeConfig, std::string const &sess
         !requiredField(config, "qx_user_type", userType)) {
         return nullptr;
     }
-    std::string proxy = optionalField(config, "qx_proxy");
-    std::string userName = optionalField(config, "qx_user_name");
+    std::string proxy;
+    std::string userName;
+    if (!optionalField(config, "qx_proxy", proxy) ||
+        !optionalField(config, "qx_user_name", userName)) {
+        return nullptr;
+    }
     std::string response = SsoRequest::getNetwork().request(
         HttpGet, userinfoUri.c_str(), {"Authorization: Bearer " + accessToken}, nullptr,
         proxy.empty() ? nullptr : proxy.c_str());

@@ -71,11 +71,11 @@ std::string SsoServer::generateUserSession(uint32_t configId) {
     }
     if (!config->refresh) {
         Log() << "SsoServer: For config with ID: " << configId << " refresh flow is not set."
-              << " Generate default token.\n";
+              << " Generate default token..\n";
         return "000";
     }
     Log() << "SsoServer: For config with ID: " << configId << " refresh flow is set."
-          << " Generate new user session.\n";
+          << " Generate new user session..\n";
     std::string session = getRandomAsciiString(32);
     if (session.empty()) {
         Log() << "SsoServer: ERROR! New user session is empty.\n";

@@ -43,6 +43,15 @@ std::string readUserInfoResponse(std::string const &response, std::string const 
         Log() << "SsoServer: ERROR! Can't get user from userinfo response.\n";
         return std::string();
     }
+    // The user goes into a reply line and a NUL-terminated token: a line break there would
+    // forge a reply for another login, a NUL would cut the token short. Bytes from 0x80 up
+    // (UTF-8) and "|" stay; hosts read a token's fields from the right.
+    for (unsigned char byte : user) {
+        if (byte < 0x20 || byte == 0x7F) {
+            Log() << "SsoServer: ERROR! User name holds a control character.\n";
+            return std::string();
+        }
+    }
     Log() << "SsoServer: User from userinfo response: '" << user << "'.\n";
     if (userType == "local") {
         size_t at = user.find('@');

@@ -5,8 +5,10 @@
 
 #include "platform/Io.h"
 #include "platform/Log.h"
+#include "platform/PlatformFakes.h"
 #include "platform/Strings.h"
 #include "platform/Url.h"
+#include "support/SsoJson.h"
 #include "transport/CurlRequest.h"
 
 #include <poll.h>
@@ -23,6 +25,26 @@ namespace {
 
 constexpr int32_t kStartAttempts = 3;
 constexpr int kReadyPerTurn = 1024;
+
+// The test seam of the engine's callbacks (see PlatformFakes::allocation).
+void callbackHook(char const *where) {
+    auto const &hook = PlatformFakes::allocation();
+    if (hook) {
+        hook(where);
+    }
+}
+
+// "CurlRequest: ERROR! <what> failed: '<message>'" for the exception being handled. Call
+// inside a catch block only.
+void logFailure(char const *what) {
+    try {
+        throw;
+    } catch (std::exception const &error) {
+        Log() << "CurlRequest: ERROR! " << what << " failed: '" << error.what() << "'.\n";
+    } catch (...) {
+        Log() << "CurlRequest: ERROR! " << what << " failed: 'unknown exception'.\n";
+    }
+}
 
 int64_t steadyMilliseconds() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -94,32 +116,58 @@ void CurlRequest::watchSockets() {
     curl_multi_setopt(multiHandle, CURLMOPT_TIMERDATA, this);
 }
 
-int CurlRequest::onSocket(CURL * /*easy*/, curl_socket_t socket, int what, void *self,
-                          void * /*known*/) {
-    int set = static_cast<CurlRequest *>(self)->socketSet;
+void CurlRequest::watchSocket(curl_socket_t socket, int what) {
     if (what == CURL_POLL_REMOVE) {
-        epoll_ctl(set, EPOLL_CTL_DEL, socket, nullptr);
-        return 0;
+        epoll_ctl(socketSet, EPOLL_CTL_DEL, socket, nullptr);
+        return;
     }
     epoll_event event{};
     event.events =
         ((what & CURL_POLL_IN) != 0 ? EPOLLIN : 0u) | ((what & CURL_POLL_OUT) != 0 ? EPOLLOUT : 0u);
     event.data.fd = socket;
-    if (epoll_ctl(set, EPOLL_CTL_MOD, socket, &event) != 0 && errno == ENOENT) {
-        epoll_ctl(set, EPOLL_CTL_ADD, socket, &event);
+    if (epoll_ctl(socketSet, EPOLL_CTL_MOD, socket, &event) != 0 && errno == ENOENT) {
+        epoll_ctl(socketSet, EPOLL_CTL_ADD, socket, &event);
+    }
+}
+
+// Both callbacks run inside libcurl's C frames, which no exception may cross, and a -1 would
+// stop every transfer of the multi handle for good: a failure is logged, 0 returned, and the
+// next turn catches up on what could not be recorded.
+int CurlRequest::onSocket(CURL * /*easy*/, curl_socket_t socket, int what, void *self,
+                          void * /*known*/) {
+    auto *network = static_cast<CurlRequest *>(self);
+    try {
+        callbackHook("CurlRequest socket");
+        network->watchSocket(socket, what);
+    } catch (...) {
+        logFailure("Socket callback");
+        network->missedSockets.emplace_back(socket, what);
     }
     return 0;
 }
 
 int CurlRequest::onTimer(CURLM * /*multi*/, long timeoutMs, void *self) {
-    static_cast<CurlRequest *>(self)->timerDue =
-        timeoutMs < 0 ? -1 : steadyMilliseconds() + timeoutMs;
+    auto *network = static_cast<CurlRequest *>(self);
+    try {
+        callbackHook("CurlRequest timer");
+        network->timerDue = timeoutMs < 0 ? -1 : steadyMilliseconds() + timeoutMs;
+    } catch (...) {
+        logFailure("Timer callback");
+        // A timer run that is due at once makes libcurl tell its next time again.
+        network->timerDue = steadyMilliseconds();
+    }
     return 0;
 }
 
 void CurlRequest::driveTransfers() {
     int running = 0;
     CURLMcode code = CURLM_OK;
+    // Sockets whose callback failed are watched from now on.
+    std::vector<std::pair<curl_socket_t, int>> missed;
+    missed.swap(missedSockets);
+    for (auto const &socket : missed) {
+        watchSocket(socket.first, socket.second);
+    }
     if (socketSet < 0) {
         code = curl_multi_perform(multiHandle, &running);
     } else {
@@ -295,11 +343,10 @@ void CurlRequest::processCompletedTransfers() {
                     std::string sessionId = session->second;
                     try {
                         processFlowState(flow->second, body, static_cast<int32_t>(status), result);
-                    } catch (std::exception const &error) {
+                    } catch (...) {
                         // A flow that threw still ends with a result, so its command gets its
                         // one reply.
-                        Log() << "CurlRequest: ERROR! Flow step failed: '" << error.what()
-                              << "'.\n";
+                        logFailure("Flow step");
                         auto broken = activeFlows.find(sessionId);
                         if (broken != activeFlows.end()) {
                             failFlow(broken->second, "Flow step failed", 0);
@@ -363,6 +410,23 @@ void CurlRequest::processFlowState(AsyncFlowContext &context, std::string const 
             failFlow(context, "Unknown flow type", 0);
             return;
     }
+}
+
+bool CurlRequest::wrongType(MemberText how, char const *key) {
+    if (how != MemberText::WrongType) {
+        return false;
+    }
+    Log() << "CurlRequest: ERROR! Field '" << key << "' has a value of a wrong type.\n";
+    return true;
+}
+
+bool CurlRequest::failOnWrongType(AsyncFlowContext &context, MemberText how, char const *key,
+                                  int32_t httpCode) {
+    if (!wrongType(how, key)) {
+        return false;
+    }
+    failFlow(context, std::string("Field '") + key + "' has a value of a wrong type", httpCode);
+    return true;
 }
 
 void CurlRequest::failFlow(AsyncFlowContext &context, std::string const &message,

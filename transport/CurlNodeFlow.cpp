@@ -7,16 +7,7 @@
 #include "transport/CurlRequest.h"
 
 #include <memory>
-
-namespace {
-
-// An optional member; absent or not text reads as "".
-std::string optionalText(Json::Value const &config, char const *key) {
-    std::string text;
-    return readMember(config, key, text) == MemberText::Text ? text : std::string();
-}
-
-}  // namespace
+#include <utility>
 
 bool CurlRequest::startNodeVerifyFlow(std::string const &sessionId,
                                       std::string const &nodeConfig) {
@@ -37,21 +28,39 @@ bool CurlRequest::queueNodeUserInfoRequest(AsyncFlowContext &context) {
         Log() << "CurlRequest: ERROR! Failed to parse node config JSON.\n";
         return false;
     }
+    // Read in this order; an object or an array where text is read fails the start, and the
+    // blocking road then answers by its own rules.
     std::string accessToken;
     std::string url;
-    // A required member of a wrong type (object or array) counts as missing.
-    if (readMember(config, "access_token", accessToken) != MemberText::Text ||
-        readMember(config, "userinfo_uri", url) != MemberText::Text) {
+    MemberText access = readMember(config, "access_token", accessToken);
+    if (wrongType(access, "access_token")) {
+        return false;
+    }
+    MemberText uri = access == MemberText::Text ? readMember(config, "userinfo_uri", url)
+                                                : MemberText::Missing;
+    if (wrongType(uri, "userinfo_uri")) {
+        return false;
+    }
+    if (access != MemberText::Text || uri != MemberText::Text) {
         Log() << "CurlRequest: ERROR! Node config missing required fields.\n";
         return false;
     }
     context.accessToken = accessToken;
     // This flow reads "proxy", not the "qx_proxy" that a server writes: a node configuration
     // as a server issues it is fetched without a proxy here.
-    std::string proxy = optionalText(config, "proxy");
-    context.provider = optionalText(config, "provider");
-    context.userName = optionalText(config, "qx_user_name");
-    context.userType = optionalText(config, "qx_user_type");
+    std::string proxy;
+    for (auto const &member : {std::make_pair("proxy", &proxy),
+                               std::make_pair("provider", &context.provider),
+                               std::make_pair("qx_user_name", &context.userName),
+                               std::make_pair("qx_user_type", &context.userType)}) {
+        // Absent reads as "".
+        std::string text;
+        MemberText how = readMember(config, member.first, text);
+        if (wrongType(how, member.first)) {
+            return false;
+        }
+        *member.second = how == MemberText::Text ? text : std::string();
+    }
     // A node has no configurations of its own: configuration 0's pool, made on demand.
     queueTransfer(context, 0, HttpGet, url, {"Authorization: Bearer " + context.accessToken},
                   std::string(), proxy);

@@ -51,7 +51,7 @@ bool CurlRequest::queueRevokeRequest(AsyncFlowContext &context) {
         return false;
     }
     if (config->revokeUri.empty()) {
-        Log() << "CurlRequest: No revoke URI configured, skipping.\n";
+        Log() << "CurlRequest: No revoke URI configured, skipping..\n";
         return false;
     }
     std::string body = buildFormBody({
@@ -77,7 +77,11 @@ void CurlRequest::advanceRefreshFlow(AsyncFlowContext &context, std::string cons
                 return;
             }
             std::string accessToken;
-            if (readMember(tokens, "access_token", accessToken) != MemberText::Text) {
+            MemberText access = readMember(tokens, "access_token", accessToken);
+            if (failOnWrongType(context, access, "access_token", httpCode)) {
+                return;
+            }
+            if (access != MemberText::Text) {
                 Log() << "CurlRequest: ERROR! Refresh response missing Access Token.\n";
                 failFlow(context, "Refresh response missing Access Token", httpCode);
                 return;
@@ -85,7 +89,11 @@ void CurlRequest::advanceRefreshFlow(AsyncFlowContext &context, std::string cons
             context.accessToken = accessToken;
             // A provider that does not rotate refresh tokens keeps the stored one in force.
             std::string refreshToken;
-            if (readMember(tokens, "refresh_token", refreshToken) == MemberText::Text) {
+            MemberText refresh = readMember(tokens, "refresh_token", refreshToken);
+            if (failOnWrongType(context, refresh, "refresh_token", httpCode)) {
+                return;
+            }
+            if (refresh == MemberText::Text) {
                 context.refreshToken = refreshToken;
             } else {
                 context.refreshToken = context.storedRefreshToken;

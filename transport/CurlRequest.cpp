@@ -5,12 +5,14 @@
 
 #include "platform/Files.h"
 #include "platform/Log.h"
+#include "platform/PlatformFakes.h"
 #include "transport/CaStore.h"
 #include "transport/CurlShare.h"
 
 #include <unistd.h>
 
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 
@@ -403,6 +405,8 @@ std::string CurlRequest::syncRequest(httpMethod method, char const *url,
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(easy, CURLOPT_TIMEOUT, kSyncTimeoutSeconds);
+    // No signals: libcurl would otherwise swap the process's SIGPIPE handler or raise SIGALRM.
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     if (setupCAFile(easy, CaTargetServer) != CURLE_OK) {
         Log() << "CurlRequest: ERROR! Failed to set CA file.\n";
         return std::string();
@@ -465,6 +469,20 @@ size_t CurlRequest::writeToString(void *bytes, size_t size, size_t count, void *
         return 0;
     }
     size_t length = size * count;
-    static_cast<std::string *>(user)->append(static_cast<char const *>(bytes), length);
+    // Called from inside libcurl's C frames, which no exception may cross: a failed append (a
+    // huge answer) fails this transfer with libcurl's write error instead of ending the host.
+    try {
+        auto const &hook = PlatformFakes::allocation();
+        if (hook) {
+            hook("CurlRequest write");
+        }
+        static_cast<std::string *>(user)->append(static_cast<char const *>(bytes), length);
+    } catch (std::exception const &error) {
+        Log() << "CurlRequest: ERROR! Failed to store response: '" << error.what() << "'.\n";
+        return 0;
+    } catch (...) {
+        Log() << "CurlRequest: ERROR! Failed to store response: 'unknown exception'.\n";
+        return 0;
+    }
     return length;
 }

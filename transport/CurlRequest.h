@@ -17,6 +17,7 @@
 
 struct OAuthAuthzInfo;
 class SsoServerConfigOAuth;
+enum class MemberText;
 
 // Flow types and states of AsyncFlowContext.
 enum flowType { FlowVerify = 1, FlowRefresh = 2, FlowNodeVerify = 3 };
@@ -35,7 +36,8 @@ enum flowState {
 // no worker runs (initialize/destroy).
 class CurlRequest {
 public:
-    // The singleton, built on first use, destroyed at exit.
+    // The singleton, built on first use and never destroyed, so that a worker still running
+    // when the host exits never has it torn down under it.
     static CurlRequest &getNetwork();
 
     CurlRequest();
@@ -154,6 +156,9 @@ public:
     // of transfers in flight. -1 (no epoll set could be made): every turn runs every transfer.
     int socketSet = -1;
     int64_t timerDue = -1;
+    // Sockets (with libcurl's CURL_POLL_* wish) whose callback failed; the next turn watches
+    // them.
+    std::vector<std::pair<curl_socket_t, int>> missedSockets;
 
     // Test seam at the pool boundary: the next this-many handle creations fail as if libcurl
     // could not make a handle. Production code never sets it.
@@ -165,6 +170,14 @@ private:
     void watchSockets();
     // Lets libcurl move: the ready sockets of the set and a due timer, or all transfers.
     void driveTransfers();
+    // Whether a member read as `how` is of a wrong type (an object or an array where text is
+    // read); logs "Field '<key>' has a value of a wrong type" then.
+    static bool wrongType(MemberText how, char const *key);
+    // wrongType, and then fails the flow with the same words and `httpCode`.
+    bool failOnWrongType(AsyncFlowContext &context, MemberText how, char const *key,
+                         int32_t httpCode);
+    // Adds, changes or removes one socket of the set as libcurl wishes.
+    void watchSocket(curl_socket_t socket, int what);
     static int onSocket(CURL *easy, curl_socket_t socket, int what, void *self, void *known);
     static int onTimer(CURLM *multi, long timeoutMs, void *self);
     // The start steps that all three flows share.

@@ -84,18 +84,31 @@ void CurlRequest::advanceVerifyFlow(AsyncFlowContext &context, std::string const
                 failFlow(context, "Failed to parse token response", httpCode);
                 return;
             }
+            // Read in this order; an object or an array where text is read fails the step.
             std::string accessToken;
             std::string idToken;
-            // A member of a wrong type (object or array) counts as missing.
-            if (readMember(tokens, "access_token", accessToken) != MemberText::Text ||
-                readMember(tokens, "id_token", idToken) != MemberText::Text) {
+            MemberText access = readMember(tokens, "access_token", accessToken);
+            if (failOnWrongType(context, access, "access_token", httpCode)) {
+                return;
+            }
+            MemberText id = access == MemberText::Text
+                                ? readMember(tokens, "id_token", idToken)
+                                : MemberText::Missing;
+            if (failOnWrongType(context, id, "id_token", httpCode)) {
+                return;
+            }
+            if (access != MemberText::Text || id != MemberText::Text) {
                 Log() << "CurlRequest: ERROR! Token response missing required fields.\n";
                 failFlow(context, "Token response missing required fields", httpCode);
                 return;
             }
             context.accessToken = accessToken;
             std::string refreshToken;
-            if (readMember(tokens, "refresh_token", refreshToken) == MemberText::Text) {
+            MemberText refresh = readMember(tokens, "refresh_token", refreshToken);
+            if (failOnWrongType(context, refresh, "refresh_token", httpCode)) {
+                return;
+            }
+            if (refresh == MemberText::Text) {
                 context.refreshToken = refreshToken;
             }
             Log() << "CurlRequest: Token exchange successful queuing userinfo request.\n";

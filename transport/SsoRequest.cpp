@@ -279,6 +279,11 @@ bool SsoRequest::setOptions(void *handle, httpMethod method) {
     if (curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L) != CURLE_OK) {
         return setFailed("Set TLS/SSL strict certificate check for");
     }
+    // No signals: libcurl would otherwise swap the host's SIGPIPE handler during the request,
+    // or raise SIGALRM in the host for a name lookup that runs out of time.
+    if (curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L) != CURLE_OK) {
+        return setFailed("Set no signals for");
+    }
     return true;
 }
 

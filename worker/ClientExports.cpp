@@ -1,18 +1,23 @@
 #include "actions/SsoActions.h"
+#include "worker/ExportGuard.h"
 #include "worker/libqxss.h"
 
 char *SsoGetUserLoginOptions() {
-    return SsoActions::getUserLoginOptions();
+    return ExportGuard::run("SsoGetUserLoginOptions", static_cast<char *>(nullptr),
+                            [] { return SsoActions::getUserLoginOptions(); });
 }
 
 char *SsoGetUserSession() {
-    return SsoActions::getUserSession();
+    return ExportGuard::run("SsoGetUserSession", static_cast<char *>(nullptr),
+                            [] { return SsoActions::getUserSession(); });
 }
 
 char *SsoLoginUrl(char const *data) {
-    return SsoActions::loginUrl(data);
+    return ExportGuard::run("SsoLoginUrl", static_cast<char *>(nullptr),
+                            [data] { return SsoActions::loginUrl(data); });
 }
 
 int SsoLogin(char const *data, void (*callback)(char const *)) {
-    return SsoActions::login(data, callback);
+    return ExportGuard::run("SsoLogin", -1,
+                            [data, callback] { return SsoActions::login(data, callback); });
 }

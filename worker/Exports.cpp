@@ -1,4 +1,5 @@
 #include "platform/LogSink.h"
+#include "worker/ExportGuard.h"
 #include "worker/libqxss.h"
 
 void SsoFreeString(char *text) {
@@ -6,5 +7,6 @@ void SsoFreeString(char *text) {
 }
 
 void SsoSetLogCallback(void (*callback)(char const *text, void *context), void *context) {
-    LogSink::setCallback(callback, context);
+    ExportGuard::run("SsoSetLogCallback",
+                     [callback, context] { LogSink::setCallback(callback, context); });
 }

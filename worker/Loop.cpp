@@ -2,6 +2,7 @@
 #include "platform/Log.h"
 #include "platform/Thread.h"
 #include "transport/CurlRequest.h"
+#include "worker/ExportGuard.h"
 #include "worker/SsoChannel.h"
 #include "worker/SsoCommands.h"
 #include "worker/SsoWorkerInfo.h"
@@ -38,9 +39,7 @@ int waitForTurn(int internalReadFd, int ioFd) {
     }
 }
 
-}  // namespace
-
-void *loop(void *argument) {
+void runWorker(void *argument) {
     SsoWorkerInfo const &info = *static_cast<SsoWorkerInfo *>(argument);
     Log() << "Sso: Worker thread " << info.threadId << " started job with I/O FD: " << info.ioFd
           << " internal FD#" << info.internalReadFd << " and FD#" << info.internalWriteFd << ".\n";
@@ -100,5 +99,11 @@ void *loop(void *argument) {
 
         SsoChannel::receive(buffer, static_cast<size_t>(count), lineCarry, info);
     }
+}
+
+}  // namespace
+
+void *loop(void *argument) {
+    ExportGuard::run("loop", [argument] { runWorker(argument); });
     return nullptr;
 }

@@ -4,6 +4,7 @@
 #include "platform/Thread.h"
 #include "server/SsoServer.h"
 #include "transport/CurlRequest.h"
+#include "worker/ExportGuard.h"
 #include "worker/SsoWorkerInfo.h"
 #include "worker/libqxss.h"
 
@@ -33,7 +34,9 @@ void closePipe(int readFd, int writeFd) {
 
 }  // namespace
 
-int SsoInitialize(int fd) {
+namespace {
+
+int initialize(int fd) {
     Log() << "Sso: Initialization received FD#" << fd << ".\n";
     if (workerInfo.threadHandle != kNoThread) {
         Log() << "Sso: ERROR! Worker thread was created.\n";
@@ -71,7 +74,13 @@ int SsoInitialize(int fd) {
     return -1;
 }
 
-void SsoDestroy() {
+void destroy() {
+    // From the worker's own thread (a log callback, say) a join would wait for itself and the
+    // engines would be freed under the running worker. No log line either: this may be
+    // running inside one.
+    if (workerInfo.threadHandle != kNoThread && ThreadIsCurrent(workerInfo.threadHandle) == 1) {
+        return;
+    }
     if (workerInfo.threadHandle == kNoThread) {
         Log() << "Sso: WARNING! Worker thread was not created.\n";
         return;
@@ -96,7 +105,7 @@ void SsoDestroy() {
     SsoActions::destroy();
 }
 
-void TimedOperations() {
+void timedOperations() {
     int32_t next = ticks + 1;
     ticks = next;
     if (next % kHandlerCleanupTicks == 0) {
@@ -107,4 +116,18 @@ void TimedOperations() {
         SsoServer::getServer().cleanTokens();
         ticks = 0;
     }
+}
+
+}  // namespace
+
+int SsoInitialize(int fd) {
+    return ExportGuard::run("SsoInitialize", -1, [fd] { return initialize(fd); });
+}
+
+void SsoDestroy() {
+    ExportGuard::run("SsoDestroy", [] { destroy(); });
+}
+
+void TimedOperations() {
+    ExportGuard::run("TimedOperations", [] { timedOperations(); });
 }

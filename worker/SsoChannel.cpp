@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <exception>
+#include <memory>
 
 namespace {
 
@@ -87,15 +88,17 @@ void SsoChannel::execute(std::vector<std::string> const &command, SsoWorkerInfo 
     char *reply = nullptr;
     if (!command[0].empty()) {
         Log() << "Sso: Execute command: '" << command[0] << "'.\n";
+        SsoCommands::flowStarted = false;
         try {
             enterStep(command[0].c_str());
             reply = SsoCommands::execute(command);
         } catch (...) {
             // Last line of defence: one bad command must never take the worker down, and a
-            // command that has a failure line still gets it.
+            // command that has a failure line still gets it, unless its background flow
+            // already started: that flow answers it, and a second line would be one too many.
             Log() << "Sso: ERROR! Command '" << command[0] << "' failed: '" << currentError()
                   << "'.\n";
-            reply = failureReplyOf(command);
+            reply = SsoCommands::flowStarted ? nullptr : failureReplyOf(command);
         }
     }
     if (reply == nullptr) {
@@ -105,10 +108,30 @@ void SsoChannel::execute(std::vector<std::string> const &command, SsoWorkerInfo 
               << " got nullptr result. Writing abort.\n";
         return;
     }
-    Log() << "Sso: Worker thread " << info.threadId << " is writing result: " << reply << " to FD#"
-          << info.ioFd << ".\n";
-    Io::fds_[info.ioFd].write(reply, std::strlen(reply));
-    delete[] reply;
+    writeReply(
+        info.ioFd, reply, SsoCommands::sessionOf(command),
+        [&command] { return failureReplyOf(command); },
+        [&info](char const *line) {
+            Log() << "Sso: Worker thread " << info.threadId << " is writing result: " << line
+                  << " to FD#" << info.ioFd << ".\n";
+        });
+}
+
+void SsoChannel::writeReply(int ioFd, char *reply, std::string const &session,
+                            std::function<char *()> const &failure,
+                            std::function<void(char const *reply)> const &announce) {
+    std::unique_ptr<char[]> line(reply);
+    char const *lineBreak = std::strchr(line.get(), '\n');
+    if (lineBreak != nullptr && lineBreak[1] != '\0') {
+        // A second line would be read by the host as the reply of another command.
+        Log() << "Sso: ERROR! Reply for session '" << session << "' holds a line break.\n";
+        line.reset(failure());
+        if (!line) {
+            return;
+        }
+    }
+    announce(line.get());
+    Io::fds_[ioFd].write(line.get(), std::strlen(line.get()));
 }
 
 void SsoChannel::enterStep(char const *name) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,16 @@ public:
     // Runs one split command and writes its reply line, if it has one, to `info.ioFd`. Never
     // throws: a throw is logged and the command's failure line written where it has one.
     static void execute(std::vector<std::string> const &command, SsoWorkerInfo const &info);
+
+    // Writes one reply line to `ioFd`, the only place where reply lines are written: the
+    // command step's and the drain's. `reply` is a new array, freed here; `announce` logs it
+    // just before the write. A reply that holds a line break anywhere but at its end is neither
+    // announced nor written: the line "Reply for session '<session>' holds a line break" is
+    // logged, and the line of `failure` (a new array or null) goes out instead, announced as
+    // every reply is. Nothing that can throw follows the write.
+    static void writeReply(int ioFd, char *reply, std::string const &session,
+                           std::function<char *()> const &failure,
+                           std::function<void(char const *reply)> const &announce);
 
     // Lets a test make the worker's step `name` (a command's name, or a step of the turn)
     // throw; nothing happens while no test hook is set.

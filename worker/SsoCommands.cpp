@@ -6,11 +6,21 @@
 #include "platform/Strings.h"
 #include "server/SsoServer.h"
 #include "transport/CurlRequest.h"
+#include "worker/SsoChannel.h"
 
 #include <cstdlib>
 #include <cstring>
 
+bool SsoCommands::flowStarted = false;
+
 namespace {
+
+// From here on the command's flow owns its reply. A test may throw at this point to see that
+// the command still gets one line.
+void startedFlow() {
+    SsoCommands::flowStarted = true;
+    SsoChannel::enterStep("Flow started");
+}
 
 // "0" is 0; anything else goes through strtol and keeps its low 32 bits, so "00" and "-5"
 // read below 1 and "12x" reads 12. Returns -1 for an id that gets no reply.
@@ -97,6 +107,7 @@ char *verify(std::string const &code, std::string const &session) {
     }
     Log() << "Sso: Attempting async verify flow for user session: '" << session << "'.\n";
     if (CurlRequest::getNetwork().startVerifyFlow(session, code, info)) {
+        startedFlow();
         Log() << "Sso: Started async verify flow successfully for user session: '" << session
               << "'.\n";
         return nullptr;
@@ -130,6 +141,7 @@ char *refresh(std::string const &uuid, std::string const &session) {
     Log() << "Sso: Attempting async refresh flow for user session: '" << session << "'.\n";
     if (CurlRequest::getNetwork().startRefreshFlow(session, uuid, info.refreshToken,
                                                    info.configId)) {
+        startedFlow();
         Log() << "Sso: Started async refresh flow successfully for user session: '" << session
               << "'.\n";
         return nullptr;
@@ -150,6 +162,7 @@ char *refresh(std::string const &uuid, std::string const &session) {
 char *nodeVerify(std::string const &nodeConfig, std::string const &session) {
     Log() << "Sso: Attempting async node verify flow for user session: '" << session << "'.\n";
     if (CurlRequest::getNetwork().startNodeVerifyFlow(session, nodeConfig)) {
+        startedFlow();
         Log() << "Sso: Started async node verify flow successfully for user session: '"
               << session << "'.\n";
         return nullptr;
@@ -245,40 +258,84 @@ char *SsoCommands::failureReply(std::vector<std::string> const &command) {
     return nullptr;
 }
 
+std::string SsoCommands::sessionOf(std::vector<std::string> const &command) {
+    std::string const &name = command[0];
+    if (name == "SSO_GET_NODE_CONFIG") {
+        return command.size() > 1 ? command[1] : std::string();
+    }
+    if (name == "SSO_GET_CONFIG_CLUSTER") {
+        return command.size() > 3 ? command[3] : std::string();
+    }
+    if (name == "SSO_LOAD_CONFIGS" || command.size() < 3) {
+        return std::string();
+    }
+    return command[2];
+}
+
+namespace {
+
+// The reply word of a flow type, or null for an unknown type.
+char const *flowWord(int32_t flowType, bool success) {
+    switch (flowType) {
+        case FlowVerify:
+            return success ? "SSO_VERIFY_OK|" : "SSO_VERIFY_FAILURE|";
+        case FlowRefresh:
+            return success ? "SSO_REFRESH_OK|" : "SSO_REFRESH_FAILURE|";
+        case FlowNodeVerify:
+            return success ? "SSO_NODE_VERIFY_OK|" : "SSO_NODE_VERIFY_FAILURE|";
+        default:
+            return nullptr;
+    }
+}
+
+// Writes the reply line of one finished flow.
+void writeFlowReply(AsyncFlowResult const &result, int ioFd) {
+    SsoChannel::enterStep("Reply of a finished flow");
+    Log() << "Sso: Processing completed async flow for session: '" << result.sessionId
+          << "'.\n";
+    char const *session = result.sessionId.c_str();
+    if (!result.success) {
+        Log() << "Sso: Async flow failed: '" << result.errorMessage << "'"
+              << " HTTP: " << result.httpCode << ".\n";
+    }
+    char const *word = flowWord(result.flowType, result.success);
+    if (word == nullptr) {
+        if (result.success) {
+            Log() << "Sso: ERROR! Unknown flow type in async response.\n";
+        }
+        return;
+    }
+    char *reply = nullptr;
+    if (!result.success) {
+        StringAdd(reply, word, session, "\n");
+    } else if (result.flowType == FlowNodeVerify) {
+        StringAdd(reply, word, result.data.c_str(), "\n");
+    } else {
+        StringAdd(reply, word, result.data.c_str(), "|", session, "\n");
+    }
+    auto failure = [&result, session] {
+        char *line = nullptr;
+        return StringAdd(line, flowWord(result.flowType, false), session, "\n");
+    };
+    SsoChannel::writeReply(ioFd, reply, result.sessionId, failure, [ioFd](char const *line) {
+        Log() << "Sso: Writing async response to FD: " << ioFd << ".\n";
+        Log() << "Sso: Response is: " << line << ".\n";
+    });
+}
+
+}  // namespace
+
 void SsoCommands::drainCompletedFlows(int ioFd) {
     CurlRequest &network = CurlRequest::getNetwork();
     AsyncFlowResult result;
     while (network.getCompletedFlow(result)) {
-        char *reply = nullptr;
-        Log() << "Sso: Processing completed async flow for session: '" << result.sessionId
-              << "'.\n";
-        char const *session = result.sessionId.c_str();
-        if (!result.success) {
-            Log() << "Sso: Async flow failed: '" << result.errorMessage << "'"
-                  << " HTTP: " << result.httpCode << ".\n";
-            char const *word = result.flowType == 2   ? "SSO_REFRESH_FAILURE|"
-                               : result.flowType == 3 ? "SSO_NODE_VERIFY_FAILURE|"
-                               : result.flowType == 1 ? "SSO_VERIFY_FAILURE|"
-                                                      : nullptr;
-            if (word == nullptr) {
-                continue;
-            }
-            StringAdd(reply, word, session, "\n");
-        } else if (result.flowType == 2) {
-            StringAdd(reply, "SSO_REFRESH_OK|", result.data.c_str(), "|", session, "\n");
-        } else if (result.flowType == 3) {
-            StringAdd(reply, "SSO_NODE_VERIFY_OK|", result.data.c_str(), "\n");
-        } else if (result.flowType == 1) {
-            StringAdd(reply, "SSO_VERIFY_OK|", result.data.c_str(), "|", session, "\n");
-        } else {
-            Log() << "Sso: ERROR! Unknown flow type in async response.\n";
-            continue;
-        }
-        if (reply != nullptr) {
-            Log() << "Sso: Writing async response to FD: " << ioFd << ".\n";
-            Log() << "Sso: Response is: " << reply << ".\n";
-            Io::fds_[ioFd].write(reply, std::strlen(reply));
-            delete[] reply;
+        try {
+            writeFlowReply(result, ioFd);
+        } catch (...) {
+            // Nothing throws after the write, so this result was not answered yet: the next
+            // drain takes it up again.
+            network.completedFlows.insert(network.completedFlows.begin(), std::move(result));
+            throw;
         }
         result = AsyncFlowResult();
     }

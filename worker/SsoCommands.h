@@ -17,6 +17,15 @@ public:
     // that has no failure line (unknown name, missing or empty arguments, an id below 1).
     static char *failureReply(std::vector<std::string> const &command);
 
-    // Writes the reply line of every finished background flow to `ioFd`.
+    // The session element of a command (the one its replies end with), or "" for a command
+    // without one.
+    static std::string sessionOf(std::vector<std::string> const &command);
+
+    // Writes the reply line of every finished background flow to `ioFd`. A result that it has
+    // taken is written, or put back for the next drain when something throws before the write.
     static void drainCompletedFlows(int ioFd);
+
+    // Set once the command being executed has started its background flow, which then answers
+    // it; cleared by the channel before each command.
+    static bool flowStarted;
 };

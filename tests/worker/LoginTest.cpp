@@ -112,7 +112,7 @@ TEST_F(LoginTest, RefreshOffRevokesTheRefreshTokenAndGivesTheDefaultSession) {
     EXPECT_TRUE(SsoServer::getServer().refreshInfoBySession.empty());
     EXPECT_TRUE(log.hasInOrder({
         "SsoServer: Refresh flow NOT set in configuration. Continuation of token revocation.\n",
-        "SsoServer: For config with ID: 0 refresh flow is not set. Generate default token.\n",
+        "SsoServer: For config with ID: 0 refresh flow is not set. Generate default token..\n",
         "SsoServer: New session token created: '000'.\n",
     }));
 }
