@@ -2,13 +2,17 @@
  * product with a web front would embed it.
  *
  *   qxss-webapp [--address 127.0.0.1] [--port 8080] [--timeout-ms 10000] [--log FILE]
+ *               [--node-service URL --node-secret-file FILE]
  *
  * The library reads its configuration file (sso.cfg) from its configuration directory; each
  * entry's first redirect URI must be this application's "/cb" on the address and port it
  * listens on. Prints "qxss-webapp: listening on http://<address>:<port>/" when it serves, and
  * stops on SIGINT or SIGTERM. The library's log goes to syslog, or to FILE with --log: it holds
- * codes and tokens in the clear, so keep it private. */
+ * codes and tokens in the clear, so keep it private. With --node-service, the page "/node" lets
+ * a signed-in user be confirmed by the node-role service at URL (qxss-node-service), which
+ * shares the secret in FILE with this application. */
 #include "channel.h"
+#include "node.h"
 #include "web.h"
 #include "worker/libqxss.h"
 
@@ -27,7 +31,9 @@ static void toLogFile(char const *text, void *context) {
 
 static int usage(char const *program) {
     fprintf(stderr,
-            "usage: %s [--address IPv4] [--port N] [--timeout-ms N] [--log FILE]\n", program);
+            "usage: %s [--address IPv4] [--port N] [--timeout-ms N] [--log FILE]\n"
+            "          [--node-service URL --node-secret-file FILE]\n",
+            program);
     return 2;
 }
 
@@ -36,6 +42,8 @@ int main(int argc, char **argv) {
     int port = 8080;
     int timeoutMs = 10000;
     char const *logPath = NULL;
+    char const *nodeService = NULL;
+    char const *nodeSecretFile = NULL;
     for (int i = 1; i < argc; ++i) {
         char const *value = i + 1 < argc ? argv[i + 1] : NULL;
         if (value == NULL) {
@@ -48,13 +56,21 @@ int main(int argc, char **argv) {
             timeoutMs = atoi(value);
         } else if (strcmp(argv[i], "--log") == 0) {
             logPath = value;
+        } else if (strcmp(argv[i], "--node-service") == 0) {
+            nodeService = value;
+        } else if (strcmp(argv[i], "--node-secret-file") == 0) {
+            nodeSecretFile = value;
         } else {
             return usage(argv[0]);
         }
         ++i;
     }
-    if (port < 0 || port > 65535 || timeoutMs <= 0) {
+    if (port < 0 || port > 65535 || timeoutMs <= 0 ||
+        (nodeService == NULL) != (nodeSecretFile == NULL)) {
         return usage(argv[0]);
+    }
+    if (nodeService && nodeConfigure(nodeService, nodeSecretFile) != 0) {
+        return 1;
     }
     if (logPath) {
         logFile = fopen(logPath, "w");

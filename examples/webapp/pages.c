@@ -99,6 +99,23 @@ void pageSignedIn(struct Text *page, struct Session const *session) {
     end(page);
 }
 
+void pageNodeConfirmed(struct Text *page, struct Session const *session, char const *confirmedUser) {
+    begin(page, "Node service");
+    textAppend(page, "<p>Signed in here as <strong>");
+    textAppendHtml(page, session->user);
+    textAppend(page, "</strong>. The node service trusts a user only when the server that holds "
+                     "the sign-in vouches for it.</p>\n");
+    if (confirmedUser) {
+        textAppend(page, "<p id=\"confirmed\">The node service confirmed you as <strong>");
+        textAppendHtml(page, confirmedUser);
+        textAppend(page, "</strong>.</p>\n");
+    }
+    textAppend(page, "<form method=\"post\" action=\"/node\">"
+                     "<button type=\"submit\" id=\"confirm\">Confirm at the node service</button>"
+                     "</form>\n<p><a href=\"/\">Back to the start</a></p>\n");
+    end(page);
+}
+
 void pageError(struct Text *page, char const *title, char const *message) {
     begin(page, title);
     textAppend(page, "<p id=\"error\">");

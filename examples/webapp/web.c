@@ -3,6 +3,7 @@
 #include "web.h"
 
 #include "channel.h"
+#include "node.h"
 #include "pages.h"
 #include "store.h"
 #include "text.h"
@@ -225,6 +226,16 @@ static void logout(struct MHD_Connection *connection, struct Reply *reply) {
     redirect(reply, "/");
 }
 
+/* The node-role service confirms the signed-in user (node.c). */
+static void node(struct MHD_Connection *connection, struct Reply *reply, int confirming) {
+    struct Session session;
+    if (storeSessionGet(cookie(connection, SESSION_COOKIE), &session) != 0) {
+        redirect(reply, "/");
+        return;
+    }
+    reply->status = nodePage(&session, confirming, &reply->page, replyTimeoutMs);
+}
+
 /* A form sent from another site's page is not obeyed, whatever cookies came with it. */
 static int sameOrigin(struct MHD_Connection *connection) {
     char const *origin = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Origin");
@@ -294,6 +305,8 @@ static enum MHD_Result serve(void *unused, struct MHD_Connection *connection, ch
         refresh(connection, &reply);
     } else if (post && strcmp(url, "/logout") == 0) {
         logout(connection, &reply);
+    } else if ((get || post) && strcmp(url, NODE_PATH) == 0) {
+        node(connection, &reply, post);
     } else {
         fail(&reply, MHD_HTTP_NOT_FOUND, "Not found", "There is no such page.");
     }
