@@ -38,7 +38,8 @@ cat >"$etc/sso.cfg" <<CFG
       "client_secret": "webapp-secret",
       "redirect_uris": ["http://127.0.0.1:$port/cb"],
       "qx_user_type": "local",
-      "qx_refresh": true
+      "qx_refresh": true,
+      "qx_refresh_lifetime": 3600
     }
   }
 ]

@@ -1,84 +1,192 @@
 /* qxss-webapp: a small web application that signs people in through libqxss, as a server
- * product with a web front would embed it.
- *
- *   qxss-webapp [--address 127.0.0.1] [--port 8080] [--timeout-ms 10000] [--log FILE]
- *               [--node-service URL --node-secret-file FILE]
+ * product with a web front would embed it. See usage() for the options.
  *
  * The library reads its configuration file (sso.cfg) from its configuration directory; each
- * entry's first redirect URI must be this application's "/cb" on the address and port it
- * listens on. Prints "qxss-webapp: listening on http://<address>:<port>/" when it serves, and
- * stops on SIGINT or SIGTERM. The library's log goes to syslog, or to FILE with --log: it holds
- * codes and tokens in the clear, so keep it private. With --node-service, the page "/node" lets
- * a signed-in user be confirmed by the node-role service at URL (qxss-node-service), which
- * shares the secret in FILE with this application. */
+ * entry's first redirect URI must be this application's "/cb" as the browsers reach it. Prints
+ * "qxss-webapp: listening on <origin>/" when it serves, and stops on SIGINT or SIGTERM. The
+ * library's log goes to syslog, or to FILE with --log: it holds client secrets, codes and
+ * tokens in the clear, so the file is made readable by its owner alone. With --node-service,
+ * the page "/node" lets a signed-in user be confirmed by the node-role service at URL
+ * (qxss-node-service), which shares the secret in FILE with this application. */
 #include "channel.h"
 #include "node.h"
+#include "store.h"
 #include "web.h"
 #include "worker/libqxss.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 static FILE *logFile;
 
+/* Writes one statement of the library with every control character but its final line end
+ * escaped (and the escape character itself), since provider answers are logged as they came
+ * and a line break in one could otherwise forge log lines. */
 static void toLogFile(char const *text, void *context) {
     (void)context;
-    fputs(text, logFile);
+    size_t length = strlen(text);
+    int ended = length > 0 && text[length - 1] == '\n';
+    char *line = malloc(length * 4 + 2);
+    if (line == NULL) {
+        fputs("qxss-webapp: a log statement was lost (out of memory)\n", logFile);
+        fflush(logFile);
+        return;
+    }
+    char *out = line;
+    for (size_t i = 0; i < length - (size_t)ended; ++i) {
+        unsigned char byte = (unsigned char)text[i];
+        if (byte == '\\') {
+            *out++ = '\\';
+            *out++ = '\\';
+        } else if (byte < 0x20 || byte == 0x7f) {
+            out += sprintf(out, "\\x%02x", byte);
+        } else {
+            *out++ = (char)byte;
+        }
+    }
+    *out++ = '\n';
+    *out = '\0';
+    /* One call per statement: stdio's lock keeps statements of two threads apart. */
+    fputs(line, logFile);
     fflush(logFile);
+    free(line);
+}
+
+/* Opens the log for appending: created private, never through a symbolic link, never handed
+ * to a child process, and made private if it was not. */
+static FILE *openLog(char const *path) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600);
+    struct stat status;
+    if (fd < 0 || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
+        fchmod(fd, 0600) != 0) {
+        perror(path);
+        if (fd >= 0) {
+            close(fd);
+        }
+        return NULL;
+    }
+    FILE *file = fdopen(fd, "a");
+    if (file == NULL) {
+        perror(path);
+        close(fd);
+    }
+    return file;
 }
 
 static int usage(char const *program) {
     fprintf(stderr,
             "usage: %s [--address IPv4] [--port N] [--timeout-ms N] [--log FILE]\n"
-            "          [--node-service URL --node-secret-file FILE]\n",
+            "       [--https CERT KEY] [--public-origin URL] [--trusted-proxy ADDR]\n"
+            "       [--session-lifetime SECONDS] [--logins-per-minute N] [--max-pending N]\n"
+            "       [--max-connections N] [--max-per-address N]\n"
+            "       [--node-service URL --node-secret-file FILE]\n"
+            "  --https CERT KEY       serve TLS with these PEM files; cookies become\n"
+            "                         Secure and __Host- prefixed\n"
+            "  --public-origin URL    the origin browsers see (https://sso.example.com:8443)\n"
+            "                         when a load balancer stands in front; forms are obeyed\n"
+            "                         only from it, and an https origin makes cookies Secure\n"
+            "  --trusted-proxy ADDR   the balancer's address: only from it is X-Forwarded-For\n"
+            "                         believed, and its last entry is the client\n"
+            "  --node-service URL     the node-role service that the page /node asks to\n"
+            "                         confirm the signed-in user; --node-secret-file FILE\n"
+            "                         holds the secret shared with it\n"
+            "  /healthz answers 200 while the library's worker answers, else 503\n",
             program);
     return 2;
 }
 
+/* Reads a whole number from `low` to `high` into `out`. 1 when it was one. */
+static int number(char const *text, long low, long high, int *out) {
+    char *end;
+    long value = strtol(text, &end, 10);
+    if (*text == '\0' || *end != '\0' || value < low || value > high) {
+        return 0;
+    }
+    *out = (int)value;
+    return 1;
+}
+
 int main(int argc, char **argv) {
-    char const *address = "127.0.0.1";
-    int port = 8080;
-    int timeoutMs = 10000;
+    struct WebSettings settings = {
+        .address = "127.0.0.1",
+        .port = 8080,
+        .timeoutMs = 10000,
+        .sessionLifetime = 8 * 3600,
+        .loginsPerMinute = 30,
+        .maxConnections = 256,
+        .maxPerAddress = 32,
+    };
+    int maxPending = 512;
     char const *logPath = NULL;
     char const *nodeService = NULL;
     char const *nodeSecretFile = NULL;
     for (int i = 1; i < argc; ++i) {
         char const *value = i + 1 < argc ? argv[i + 1] : NULL;
-        if (value == NULL) {
-            return usage(argv[0]);
+        int ok = value != NULL;
+        if (!ok) {
         } else if (strcmp(argv[i], "--address") == 0) {
-            address = value;
+            settings.address = value;
         } else if (strcmp(argv[i], "--port") == 0) {
-            port = atoi(value);
+            ok = number(value, 0, 65535, &settings.port);
         } else if (strcmp(argv[i], "--timeout-ms") == 0) {
-            timeoutMs = atoi(value);
+            ok = number(value, 1, 3600000, &settings.timeoutMs);
         } else if (strcmp(argv[i], "--log") == 0) {
             logPath = value;
+        } else if (strcmp(argv[i], "--https") == 0) {
+            ok = i + 2 < argc;
+            settings.certificateFile = value;
+            settings.keyFile = ok ? argv[++i + 1] : NULL;
+        } else if (strcmp(argv[i], "--public-origin") == 0) {
+            settings.publicOrigin = value;
+        } else if (strcmp(argv[i], "--trusted-proxy") == 0) {
+            settings.trustedProxy = value;
+        } else if (strcmp(argv[i], "--session-lifetime") == 0) {
+            ok = number(value, 1, 30L * 86400, &settings.sessionLifetime);
+        } else if (strcmp(argv[i], "--logins-per-minute") == 0) {
+            ok = number(value, 1, 100000, &settings.loginsPerMinute);
+        } else if (strcmp(argv[i], "--max-pending") == 0) {
+            ok = number(value, 1, 1000000, &maxPending);
+        } else if (strcmp(argv[i], "--max-connections") == 0) {
+            ok = number(value, 1, 100000, &settings.maxConnections);
+        } else if (strcmp(argv[i], "--max-per-address") == 0) {
+            ok = number(value, 0, 100000, &settings.maxPerAddress);
         } else if (strcmp(argv[i], "--node-service") == 0) {
             nodeService = value;
         } else if (strcmp(argv[i], "--node-secret-file") == 0) {
             nodeSecretFile = value;
         } else {
+            ok = 0;
+        }
+        if (!ok) {
             return usage(argv[0]);
         }
         ++i;
     }
-    if (port < 0 || port > 65535 || timeoutMs <= 0 ||
-        (nodeService == NULL) != (nodeSecretFile == NULL)) {
+    if ((nodeService == NULL) != (nodeSecretFile == NULL)) {
         return usage(argv[0]);
     }
     if (nodeService && nodeConfigure(nodeService, nodeSecretFile) != 0) {
         return 1;
     }
+    /* Behind a balancer every connection comes from it: only the total bounds them then. */
+    if (settings.trustedProxy) {
+        settings.maxPerAddress = 0;
+    }
     if (logPath) {
-        logFile = fopen(logPath, "w");
+        logFile = openLog(logPath);
         if (logFile == NULL) {
-            perror(logPath);
             return 1;
         }
         SsoSetLogCallback(toLogFile, NULL);
+    }
+    if (storeStart(maxPending) != 0) {
+        fprintf(stderr, "qxss-webapp: out of memory\n");
+        return 1;
     }
 
     /* Every thread started from here on leaves the stop signals to sigwait below. */
@@ -101,11 +209,15 @@ int main(int argc, char **argv) {
         goto stopChannel;
     }
     free(loaded);
-    int bound = webStart(address, port, timeoutMs);
-    if (bound < 0) {
+    int port = webStart(&settings);
+    if (port < 0) {
         goto stopChannel;
     }
-    printf("qxss-webapp: listening on http://%s:%d/\n", address, bound);
+    printf("qxss-webapp: listening on %s://%s:%d/\n", settings.certificateFile ? "https" : "http",
+           settings.address, port);
+    if (settings.publicOrigin) {
+        printf("qxss-webapp: browsers reach it at %s/\n", webOrigin());
+    }
     fflush(stdout);
     int signal;
     sigwait(&stop, &signal);
@@ -114,6 +226,7 @@ int main(int argc, char **argv) {
 stopChannel:
     channelStop();
 closeLog:
+    storeStop();
     if (logFile) {
         SsoSetLogCallback(NULL, NULL);
         fclose(logFile);

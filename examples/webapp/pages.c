@@ -64,6 +64,10 @@ void pageLoginOptions(struct Text *page, char const *encodedOptions) {
         return;
     }
     char *options = strdup(encodedOptions);
+    if (options == NULL) {
+        page->failed = 1;
+        return;
+    }
     percentDecode(options);
     textAppend(page, "<ul class=\"options\">\n");
     char *rest = options;
@@ -80,14 +84,14 @@ void pageSignedIn(struct Text *page, struct Session const *session) {
     textAppend(page, "<p id=\"user\">Signed in as <strong>");
     textAppendHtml(page, session->user);
     textAppend(page, "</strong></p>\n");
-    time_t expiry = (time_t)session->expiry;
+    time_t ends = (time_t)session->ends;
     struct tm utc;
     char when[64] = "";
-    if (gmtime_r(&expiry, &utc) != NULL) {
+    if (gmtime_r(&ends, &utc) != NULL) {
         strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", &utc);
     }
     textPrintf(page, "<p id=\"expiry\">The session is valid until %s (%lld).</p>\n", when,
-               session->expiry);
+               session->ends);
     if (session->refreshes > 0) {
         textPrintf(page, "<p id=\"refreshes\">Refreshed %d time%s.</p>\n", session->refreshes,
                    session->refreshes == 1 ? "" : "s");

@@ -1,21 +1,45 @@
-/* Two small tables under one lock. Old entries make room for new ones: a login that was never
- * finished, or a session that was never signed out, ages out instead of filling the memory. */
+/* Two tables under one lock. A login that was never finished ages out after a few minutes; a
+ * session ends at its time. The pending table never pushes out a login under way, since that
+ * would let anybody's flood of requests break other people's sign-ins; the sessions table,
+ * which grows only by real sign-ins, makes room by dropping the session that ends first. */
 #include "store.h"
 
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/random.h>
 #include <time.h>
 
-#define STORE_CAPACITY 512
-#define PENDING_LIFETIME 600 /* seconds a browser has to come back from the provider */
+#define PENDING_LIFETIME 300 /* seconds a browser has to come back from the provider */
 
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-static struct PendingLogin pending[STORE_CAPACITY];
-static time_t pendingSince[STORE_CAPACITY];
-static struct Session sessions[STORE_CAPACITY];
-static time_t sessionSince[STORE_CAPACITY];
+static size_t capacity;
+static struct PendingLogin *pending;
+static time_t *pendingSince;
+static struct Session *sessions;
+
+int storeStart(int maxPending) {
+    capacity = maxPending > 0 ? (size_t)maxPending : 1;
+    pending = calloc(capacity, sizeof *pending);
+    pendingSince = calloc(capacity, sizeof *pendingSince);
+    sessions = calloc(capacity, sizeof *sessions);
+    if (pending == NULL || pendingSince == NULL || sessions == NULL) {
+        storeStop();
+        return -1;
+    }
+    return 0;
+}
+
+void storeStop(void) {
+    free(pending);
+    free(pendingSince);
+    free(sessions);
+    pending = NULL;
+    pendingSince = NULL;
+    sessions = NULL;
+    capacity = 0;
+}
 
 int storeRandomId(char out[STORE_ID_SIZE]) {
     static char const alphabet[] =
@@ -35,44 +59,32 @@ int storeRandomId(char out[STORE_ID_SIZE]) {
     return 0;
 }
 
-/* The free slot, else the oldest one. */
-static size_t slotFor(time_t const *since, int (*isFree)(size_t)) {
-    size_t oldest = 0;
-    for (size_t i = 0; i < STORE_CAPACITY; ++i) {
-        if (isFree(i)) {
-            return i;
-        }
-        if (since[i] < since[oldest]) {
-            oldest = i;
-        }
-    }
-    return oldest;
-}
-
-static int pendingFree(size_t i) {
-    return pending[i].id[0] == '\0';
-}
-
-static int sessionFree(size_t i) {
-    return sessions[i].id[0] == '\0';
+static int pendingExpired(size_t i, time_t now) {
+    return now - pendingSince[i] > PENDING_LIFETIME;
 }
 
 int storePendingAdd(struct PendingLogin const *login) {
+    time_t now = time(NULL);
+    int added = -1;
     pthread_mutex_lock(&lock);
-    size_t slot = slotFor(pendingSince, pendingFree);
-    pending[slot] = *login;
-    pendingSince[slot] = time(NULL);
+    for (size_t i = 0; i < capacity && added != 0; ++i) {
+        if (pending[i].id[0] == '\0' || pendingExpired(i, now)) {
+            pending[i] = *login;
+            pendingSince[i] = now;
+            added = 0;
+        }
+    }
     pthread_mutex_unlock(&lock);
-    return 0;
+    return added;
 }
 
 int storePendingTake(char const *id, struct PendingLogin *out) {
     int found = -1;
     time_t now = time(NULL);
     pthread_mutex_lock(&lock);
-    for (size_t i = 0; i < STORE_CAPACITY && found != 0; ++i) {
-        if (!pendingFree(i) && strcmp(pending[i].id, id) == 0) {
-            found = now - pendingSince[i] <= PENDING_LIFETIME ? 0 : -1;
+    for (size_t i = 0; i < capacity && found != 0; ++i) {
+        if (pending[i].id[0] != '\0' && strcmp(pending[i].id, id) == 0) {
+            found = pendingExpired(i, now) ? -1 : 0;
             *out = pending[i];
             memset(&pending[i], 0, sizeof pending[i]);
         }
@@ -81,21 +93,41 @@ int storePendingTake(char const *id, struct PendingLogin *out) {
     return found;
 }
 
-int storeSessionAdd(struct Session *session) {
+static long long endOf(long long expiry, long long lifetime) {
+    long long latest = (long long)time(NULL) + lifetime;
+    return expiry < latest ? expiry : latest;
+}
+
+int storeSessionAdd(struct Session *session, long long lifetime) {
     if (storeRandomId(session->id) != 0) {
         return -1;
     }
+    session->ends = endOf(session->expiry, lifetime);
     pthread_mutex_lock(&lock);
-    size_t slot = slotFor(sessionSince, sessionFree);
+    size_t slot = 0;
+    for (size_t i = 0; i < capacity; ++i) {
+        if (sessions[i].id[0] == '\0') {
+            slot = i;
+            break;
+        }
+        if (sessions[i].ends < sessions[slot].ends) {
+            slot = i;
+        }
+    }
     sessions[slot] = *session;
-    sessionSince[slot] = time(NULL);
     pthread_mutex_unlock(&lock);
     return 0;
 }
 
+/* The live session with this id; an ended one is forgotten on the way. Under the lock. */
 static struct Session *findSession(char const *id) {
-    for (size_t i = 0; i < STORE_CAPACITY; ++i) {
-        if (!sessionFree(i) && strcmp(sessions[i].id, id) == 0) {
+    long long now = (long long)time(NULL);
+    for (size_t i = 0; i < capacity; ++i) {
+        if (sessions[i].id[0] != '\0' && strcmp(sessions[i].id, id) == 0) {
+            if (sessions[i].ends <= now) {
+                memset(&sessions[i], 0, sizeof sessions[i]);
+                return NULL;
+            }
             return &sessions[i];
         }
     }
@@ -112,12 +144,13 @@ int storeSessionGet(char const *id, struct Session *out) {
     return session ? 0 : -1;
 }
 
-int storeSessionRenew(char const *id, char const *value, long long expiry) {
+int storeSessionRenew(char const *id, char const *value, long long expiry, long long lifetime) {
     pthread_mutex_lock(&lock);
     struct Session *session = findSession(id);
     if (session) {
         snprintf(session->value, sizeof session->value, "%s", value);
         session->expiry = expiry;
+        session->ends = endOf(expiry, lifetime);
         session->refreshes += 1;
     }
     pthread_mutex_unlock(&lock);

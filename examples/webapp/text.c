@@ -5,9 +5,13 @@
 #include <stdlib.h>
 #include <string.h>
 
-static void reserve(struct Text *text, size_t more) {
+/* 0 when `more` bytes and a terminator fit. */
+static int reserve(struct Text *text, size_t more) {
+    if (text->failed) {
+        return -1;
+    }
     if (text->length + more + 1 <= text->size) {
-        return;
+        return 0;
     }
     size_t size = text->size ? text->size : 256;
     while (size < text->length + more + 1) {
@@ -15,14 +19,27 @@ static void reserve(struct Text *text, size_t more) {
     }
     char *grown = realloc(text->data, size);
     if (grown == NULL) {
-        abort();
+        text->failed = 1;
+        return -1;
     }
     text->data = grown;
     text->size = size;
+    return 0;
+}
+
+char *textTake(struct Text *text) {
+    char *taken = text->failed ? NULL : text->data;
+    if (text->failed) {
+        free(text->data);
+    }
+    *text = (struct Text){0};
+    return taken;
 }
 
 void textAppendN(struct Text *text, char const *piece, size_t length) {
-    reserve(text, length);
+    if (reserve(text, length) != 0) {
+        return;
+    }
     memcpy(text->data + text->length, piece, length);
     text->length += length;
     text->data[text->length] = '\0';
@@ -38,9 +55,12 @@ void textPrintf(struct Text *text, char const *format, ...) {
     int length = vsnprintf(NULL, 0, format, arguments);
     va_end(arguments);
     if (length < 0) {
+        text->failed = 1;
         return;
     }
-    reserve(text, (size_t)length);
+    if (reserve(text, (size_t)length) != 0) {
+        return;
+    }
     va_start(arguments, format);
     vsnprintf(text->data + text->length, (size_t)length + 1, format, arguments);
     va_end(arguments);

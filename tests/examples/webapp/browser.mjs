@@ -75,6 +75,7 @@ function configuration(base, port) {
       redirect_uris: [`http://127.0.0.1:${port}/cb`],
       qx_user_type: 'local',
       qx_refresh: true,
+      qx_refresh_lifetime: 3600,
     },
   });
   // The second name shows that what comes from the configuration is escaped in the page.
