@@ -102,7 +102,8 @@ cat >"$run/etc-server/sso.cfg" <<CFG
       "client_secret": "webapp-secret",
       "redirect_uris": ["$site/cb"],
       "qx_user_type": "local",
-      "qx_refresh": true
+      "qx_refresh": true,
+      "qx_refresh_lifetime": 3600
     }
   }
 ]

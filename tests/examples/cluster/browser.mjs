@@ -26,8 +26,9 @@ function skip(why) {
   process.exit(77);
 }
 
-function check(condition, what) {
-  if (!condition) throw new Error(`check failed: ${what}`);
+// `detail` (for instance the page's text) is shown only when the check fails.
+function check(condition, what, detail = '') {
+  if (!condition) throw new Error(`check failed: ${what}${detail ? `\n${detail}` : ''}`);
   console.log(`ok - ${what}`);
 }
 
@@ -215,7 +216,8 @@ async function main() {
     await screenshot(people[0].page, 'sign-in-options');
     await Promise.all(people.map((person) => signInFromOptions(person.page, site, person.user)));
     for (const person of people) {
-      check(new RegExp(`Signed in as ${person.user}\\b`).test(await text(person.page)), `${person.user} is signed in`);
+      const shown = await text(person.page);
+      check(new RegExp(`Signed in as ${person.user}\\b`).test(shown), `${person.user} is signed in`, `${person.page.url()}: ${shown}`);
       person.instance = await instanceOf(person, site);
     }
     const spread = {};
