@@ -10,7 +10,7 @@
 // down. Saves a screenshot of every step.
 // Exit 0: passed, 1: failed, 77: no Chromium, puppeteer-core or HAProxy here (skipped).
 import { spawn } from 'node:child_process';
-import { existsSync, mkdirSync } from 'node:fs';
+import { existsSync, mkdirSync, readFileSync, rmSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import net from 'node:net';
 import path from 'node:path';
@@ -122,9 +122,13 @@ async function text(page) {
   return page.evaluate(() => document.body.innerText);
 }
 
-// From the sign-in page through the provider's form and back (the page is on the sign-in page).
-async function signInFromOptions(page, site, user) {
+// From the sign-in page to the provider's form.
+async function startSignIn(page) {
   await Promise.all([page.waitForNavigation(), page.click('button[name="option"][value="0"]')]);
+}
+
+// From the provider's form back to the site.
+async function finishAtProvider(page, site, user) {
   for (let step = 0; step < 6 && !page.url().startsWith(site); step += 1) {
     const login = await page.$('input[name="login"]');
     if (login) {
@@ -133,6 +137,12 @@ async function signInFromOptions(page, site, user) {
     }
     await Promise.all([page.waitForNavigation(), page.click('button[type="submit"]')]);
   }
+}
+
+// From the sign-in page through the provider's form and back.
+async function signInFromOptions(page, site, user) {
+  await startSignIn(page);
+  await finishAtProvider(page, site, user);
 }
 
 async function instanceOf(person, site) {
@@ -165,6 +175,7 @@ async function confirmAtNode(person, site) {
 }
 
 async function main() {
+  rmSync(shotsDir, { recursive: true, force: true });
   mkdirSync(shotsDir, { recursive: true });
   const port = await freePair();
   await startCluster(port);
@@ -246,12 +257,28 @@ async function main() {
       await person.page.goto(site);
     }
 
-    // One instance dies, as a crash would end it.
+    // One instance dies, as a crash would end it, while one of its people is signing in again
+    // and is at the provider's page (the provider asks to confirm the earlier authorization).
     const dead = 'web2';
+    const survivors = people.filter((p) => p.instance !== dead);
+    const midway = people.filter((p) => p.instance === dead).pop();
+    const orphans = people.filter((p) => p.instance === dead && p !== midway);
+    await Promise.all([midway.page.waitForNavigation(), midway.page.click('#logout')]);
+    await startSignIn(midway.page);
+    check(!midway.page.url().startsWith(site), `${midway.user} is at the provider, signing in through ${dead}`,
+      await text(midway.page));
+    await screenshot(midway.page, 'at-the-provider');
     process.kill(pids[dead], 'SIGKILL');
     console.log(`killed ${dead} (pid ${pids[dead]})`);
-    const survivors = people.filter((p) => p.instance !== dead);
-    const orphans = people.filter((p) => p.instance === dead);
+
+    // Back from the provider, the pending sign-in is gone with its instance: a live one says so,
+    // and the person starts again.
+    await finishAtProvider(midway.page, site, midway.user);
+    const expired = await text(midway.page);
+    check(/Sign-in failed/.test(expired) && /expired/.test(expired),
+      `${midway.user}, back from the provider, is told that the sign-in expired`, expired);
+    await screenshot(midway.page, 'dead-instance-sign-in-expired');
+    await midway.page.goto(site);
 
     // Its people press "Refresh" on the page they still have: another instance, which does not
     // know them, answers with the sign-in page, and nobody sees a server error.
@@ -276,6 +303,7 @@ async function main() {
     await screenshot(confirmed[0].page, 'survivor-node-confirmed');
 
     // The dead instance's people sign in again, now on a live instance.
+    orphans.push(midway);
     await Promise.all(orphans.map((person) => signInFromOptions(person.page, site, person.user)));
     for (const person of orphans) {
       check(new RegExp(`Signed in as ${person.user}\\b`).test(await text(person.page)), `${person.user} signed in again`);
@@ -319,6 +347,11 @@ async function main() {
     }
   });
   check(alive.length === 0, 'no instance outlives cluster.sh');
+  // What the stopped programs said on their way out (in a sanitizer build: leaks, errors).
+  for (const name of ['web1', 'web3', 'node-service']) {
+    const said = readFileSync(path.join(shotsDir, 'logs', `${name}.err`), 'utf8');
+    check(!/Sanitizer|runtime error/.test(said), `${name} stopped without a sanitizer report`, said);
+  }
   cluster = null;
 }
 
