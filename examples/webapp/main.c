@@ -10,73 +10,15 @@
  * (qxss-node-service), which shares the secret in FILE with this application. */
 #include "channel.h"
 #include "node.h"
+#include "process.h"
 #include "store.h"
 #include "web.h"
 #include "worker/libqxss.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-static FILE *logFile;
-
-/* Writes one statement of the library with every control character but its final line end
- * escaped (and the escape character itself), since provider answers are logged as they came
- * and a line break in one could otherwise forge log lines. */
-static void toLogFile(char const *text, void *context) {
-    (void)context;
-    size_t length = strlen(text);
-    int ended = length > 0 && text[length - 1] == '\n';
-    char *line = malloc(length * 4 + 2);
-    if (line == NULL) {
-        fputs("qxss-webapp: a log statement was lost (out of memory)\n", logFile);
-        fflush(logFile);
-        return;
-    }
-    char *out = line;
-    for (size_t i = 0; i < length - (size_t)ended; ++i) {
-        unsigned char byte = (unsigned char)text[i];
-        if (byte == '\\') {
-            *out++ = '\\';
-            *out++ = '\\';
-        } else if (byte < 0x20 || byte == 0x7f) {
-            out += sprintf(out, "\\x%02x", byte);
-        } else {
-            *out++ = (char)byte;
-        }
-    }
-    *out++ = '\n';
-    *out = '\0';
-    /* One call per statement: stdio's lock keeps statements of two threads apart. */
-    fputs(line, logFile);
-    fflush(logFile);
-    free(line);
-}
-
-/* Opens the log for appending: created private, never through a symbolic link, never handed
- * to a child process, and made private if it was not. */
-static FILE *openLog(char const *path) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600);
-    struct stat status;
-    if (fd < 0 || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
-        fchmod(fd, 0600) != 0) {
-        perror(path);
-        if (fd >= 0) {
-            close(fd);
-        }
-        return NULL;
-    }
-    FILE *file = fdopen(fd, "a");
-    if (file == NULL) {
-        perror(path);
-        close(fd);
-    }
-    return file;
-}
 
 static int usage(char const *program) {
     fprintf(stderr,
@@ -177,24 +119,16 @@ int main(int argc, char **argv) {
     if (settings.trustedProxy) {
         settings.maxPerAddress = 0;
     }
-    if (logPath) {
-        logFile = openLog(logPath);
-        if (logFile == NULL) {
-            return 1;
-        }
-        SsoSetLogCallback(toLogFile, NULL);
+    if (logPath && processLogStart(logPath, "qxss-webapp") != 0) {
+        return 1;
     }
     if (storeStart(maxPending) != 0) {
         fprintf(stderr, "qxss-webapp: out of memory\n");
         return 1;
     }
 
-    /* Every thread started from here on leaves the stop signals to sigwait below. */
     sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, NULL);
+    processBlockStopSignals(&stop);
 
     int status = 1;
     if (channelStart() != 0) {
@@ -227,9 +161,6 @@ stopChannel:
     channelStop();
 closeLog:
     storeStop();
-    if (logFile) {
-        SsoSetLogCallback(NULL, NULL);
-        fclose(logFile);
-    }
+    processLogStop();
     return status;
 }

@@ -22,6 +22,7 @@
  * SIGINT or SIGTERM. The library's log (to syslog, or to FILE with --log) holds the node
  * configurations, access tokens included, in the clear: keep it private. */
 #include "channel.h"
+#include "process.h"
 #include "secret.h"
 #include "text.h"
 #include "worker/libqxss.h"
@@ -35,15 +36,8 @@
 
 #define MAX_BODY 65536
 
-static FILE *logFile;
 static char secret[SECRET_SIZE];
 static int replyTimeoutMs = 10000;
-
-static void toLogFile(char const *text, void *context) {
-    (void)context;
-    fputs(text, logFile);
-    fflush(logFile);
-}
 
 /* The request body as it arrives, and whether it outgrew the limit. */
 struct Upload {
@@ -209,20 +203,11 @@ int main(int argc, char **argv) {
     if (secretRead(secretPath, secret) != 0) {
         return 1;
     }
-    if (logPath) {
-        logFile = fopen(logPath, "w");
-        if (logFile == NULL) {
-            perror(logPath);
-            return 1;
-        }
-        SsoSetLogCallback(toLogFile, NULL);
+    if (logPath && processLogStart(logPath, "qxss-node-service") != 0) {
+        return 1;
     }
-
     sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, NULL);
+    processBlockStopSignals(&stop);
 
     int status = 1;
     if (channelStart() != 0) {
@@ -254,9 +239,6 @@ int main(int argc, char **argv) {
 stopChannel:
     channelStop();
 closeLog:
-    if (logFile) {
-        SsoSetLogCallback(NULL, NULL);
-        fclose(logFile);
-    }
+    processLogStop();
     return status;
 }
