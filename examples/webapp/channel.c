@@ -48,6 +48,9 @@ static char *answeredCommand(char const *line) {
 }
 
 static void deliver(char *line) {
+    if (line == NULL) {
+        return; /* out of memory: its request runs into its timeout */
+    }
     char *command = answeredCommand(line);
     char const *bar = strrchr(line, '|');
     char const *key = bar ? bar + 1 : "";
@@ -73,10 +76,17 @@ static void *readReplies(void *unused) {
     size_t size = 4096;
     size_t used = 0;
     char *buffer = malloc(size);
-    for (;;) {
+    while (buffer != NULL) {
         if (used + 1024 > size) {
+            char *grown = realloc(buffer, size * 2);
+            if (grown == NULL) {
+                /* The line under way is lost and its request runs into its timeout; the
+                 * rest of the channel goes on. */
+                used = 0;
+                continue;
+            }
+            buffer = grown;
             size *= 2;
-            buffer = realloc(buffer, size);
         }
         ssize_t got = read(hostFd, buffer + used, size - used - 1);
         if (got < 0 && errno == EINTR) {
@@ -140,6 +150,9 @@ void channelStop(void) {
 static int sendLine(char const *command) {
     size_t length = strlen(command);
     char *line = malloc(length + 2);
+    if (line == NULL) {
+        return 0;
+    }
     memcpy(line, command, length);
     line[length++] = '\n';
     line[length] = '\0';
@@ -170,6 +183,9 @@ static void forget(struct Waiter *gone) {
 char *channelRequest(char const *command, char const *key, int timeoutMs) {
     struct Waiter waiter = {strndup(command, strcspn(command, "|")), key, NULL,
                             PTHREAD_COND_INITIALIZER, NULL};
+    if (waiter.command == NULL) {
+        return NULL;
+    }
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
     pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);

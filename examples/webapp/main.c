@@ -25,7 +25,7 @@ static int usage(char const *program) {
             "usage: %s [--address IPv4] [--port N] [--timeout-ms N] [--log FILE]\n"
             "       [--https CERT KEY] [--public-origin URL] [--trusted-proxy ADDR]\n"
             "       [--session-lifetime SECONDS] [--logins-per-minute N] [--max-pending N]\n"
-            "       [--max-connections N] [--max-per-address N]\n"
+            "       [--pending-lifetime SECONDS] [--max-connections N] [--max-per-address N]\n"
             "       [--node-service URL --node-secret-file FILE]\n"
             "  --https CERT KEY       serve TLS with these PEM files; cookies become\n"
             "                         Secure and __Host- prefixed\n"
@@ -64,6 +64,7 @@ int main(int argc, char **argv) {
         .maxPerAddress = 32,
     };
     int maxPending = 512;
+    int pendingLifetime = 300;
     char const *logPath = NULL;
     char const *nodeService = NULL;
     char const *nodeSecretFile = NULL;
@@ -93,6 +94,8 @@ int main(int argc, char **argv) {
             ok = number(value, 1, 100000, &settings.loginsPerMinute);
         } else if (strcmp(argv[i], "--max-pending") == 0) {
             ok = number(value, 1, 1000000, &maxPending);
+        } else if (strcmp(argv[i], "--pending-lifetime") == 0) {
+            ok = number(value, 1, 86400, &pendingLifetime);
         } else if (strcmp(argv[i], "--max-connections") == 0) {
             ok = number(value, 1, 100000, &settings.maxConnections);
         } else if (strcmp(argv[i], "--max-per-address") == 0) {
@@ -122,7 +125,7 @@ int main(int argc, char **argv) {
     if (logPath && processLogStart(logPath, "qxss-webapp") != 0) {
         return 1;
     }
-    if (storeStart(maxPending) != 0) {
+    if (storeStart(maxPending, pendingLifetime) != 0) {
         fprintf(stderr, "qxss-webapp: out of memory\n");
         return 1;
     }

@@ -12,6 +12,7 @@ static void begin(struct Text *page, char const *title) {
                      "body{font-family:sans-serif;max-width:36em;margin:3em auto;padding:0 1em}"
                      "button{font-size:1em;padding:.5em 1em;margin:.25em 0}"
                      "form{display:inline-block;margin-right:.5em}.note{color:#555}"
+                     "#user{overflow-wrap:anywhere}"
                      "</style></head><body>\n<h1>");
     textAppendHtml(page, title);
     textAppend(page, "</h1>\n");

@@ -11,16 +11,16 @@
 #include <sys/random.h>
 #include <time.h>
 
-#define PENDING_LIFETIME 300 /* seconds a browser has to come back from the provider */
-
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static size_t capacity;
+static time_t pendingLifetime; /* seconds a browser has to come back from the provider */
 static struct PendingLogin *pending;
 static time_t *pendingSince;
 static struct Session *sessions;
 
-int storeStart(int maxPending) {
+int storeStart(int maxPending, int lifetime) {
     capacity = maxPending > 0 ? (size_t)maxPending : 1;
+    pendingLifetime = lifetime;
     pending = calloc(capacity, sizeof *pending);
     pendingSince = calloc(capacity, sizeof *pendingSince);
     sessions = calloc(capacity, sizeof *sessions);
@@ -60,7 +60,7 @@ int storeRandomId(char out[STORE_ID_SIZE]) {
 }
 
 static int pendingExpired(size_t i, time_t now) {
-    return now - pendingSince[i] > PENDING_LIFETIME;
+    return now - pendingSince[i] > pendingLifetime;
 }
 
 int storePendingAdd(struct PendingLogin const *login) {

@@ -25,9 +25,9 @@ struct Session {
     int refreshes;
 };
 
-/* Makes room for `maxPending` logins under way and as many sessions. 0, or -1 when the memory
- * is not there. Main thread, before any other call. */
-int storeStart(int maxPending);
+/* Makes room for `maxPending` logins under way, each kept `lifetime` seconds at most, and as
+ * many sessions. 0, or -1 when the memory is not there. Main thread, before any other call. */
+int storeStart(int maxPending, int lifetime);
 /* Frees the tables. Main thread, after the last request. */
 void storeStop(void);
 
@@ -35,7 +35,7 @@ void storeStop(void);
 int storeRandomId(char out[STORE_ID_SIZE]);
 
 /* Keeps `login` (its id, state and nonce already made). 0, or -1 when the store is full of
- * logins younger than a few minutes: none is pushed out for a new one. */
+ * logins within their lifetime: none is pushed out for a new one. */
 int storePendingAdd(struct PendingLogin const *login);
 /* Takes the login with this id out of the store into `out`: a login is tried once. 0 if found. */
 int storePendingTake(char const *id, struct PendingLogin *out);

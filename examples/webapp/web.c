@@ -487,25 +487,26 @@ static enum MHD_Result serve(void *unused, struct MHD_Connection *connection, ch
     (void)version;
     (void)upload;
     /* The context counts the body's bytes (plus one, so that it is set from the first call,
-     * which only announces the request). A body is read and ignored, up to a limit. */
+     * which only announces the request). A body is read and ignored, up to a limit: one that
+     * announces more is answered at once, and one that turns out longer loses its
+     * connection. */
     uintptr_t received = (uintptr_t)*context;
     struct Reply reply = {MHD_HTTP_OK, {0}, NULL, NULL, {NULL, NULL}, 0, NULL};
     if (received == 0) {
         *context = (void *)(uintptr_t)1;
-        return MHD_YES;
-    }
-    if (*uploadSize != 0) {
-        received += *uploadSize;
-        *uploadSize = 0;
-        *context = (void *)received;
-        if (received - 1 <= BODY_LIMIT) {
+        char const *length =
+            MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Content-Length");
+        if (length == NULL || strtoull(length, NULL, 10) <= BODY_LIMIT) {
             return MHD_YES;
         }
         fail(&reply, MHD_HTTP_CONTENT_TOO_LARGE, "Too large", "This request is too large.");
         return respond(connection, &reply);
     }
-    if (received - 1 > BODY_LIMIT) {
-        return MHD_YES; /* answered already */
+    if (*uploadSize != 0) {
+        received += *uploadSize;
+        *uploadSize = 0;
+        *context = (void *)received;
+        return received - 1 <= BODY_LIMIT ? MHD_YES : MHD_NO;
     }
     int get = strcmp(method, "GET") == 0;
     int head = strcmp(method, "HEAD") == 0;
