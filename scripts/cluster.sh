@@ -163,7 +163,8 @@ CFG
 cp "$run/haproxy.cfg" "$logs/haproxy.cfg"
 "$haproxy" -db -f "$run/haproxy.cfg" >"$logs/haproxy.out" 2>&1 <&- 3>&- &
 pids+=($!)
-echo "cluster: HAProxy (pid $!) statistics at http://127.0.0.1:$stats_port/"
+haproxy_pid=$!
+echo "cluster: HAProxy (pid $haproxy_pid) statistics at http://127.0.0.1:$stats_port/"
 
 # The address is worth printing once HAProxy's health checks found every instance up.
 statistics() {
@@ -174,6 +175,11 @@ statistics() {
 }
 up=0
 for _ in $(seq 100); do
+    if ! kill -0 "$haproxy_pid" 2>/dev/null; then
+        echo "cluster.sh: HAProxy ended (ports $port and $stats_port free?):" >&2
+        cat "$logs/haproxy.out" >&2
+        exit 1
+    fi
     up=$(statistics 2>/dev/null | grep -c '^instances,web[0-9]*,.*,UP' || true)
     [ "$up" -eq ${#instances[@]} ] && break
     sleep 0.2
