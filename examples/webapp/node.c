@@ -115,6 +115,10 @@ static unsigned confirm(struct Session const *session, struct Text *page, int ti
     return result;
 }
 
+int nodeConfigured(void) {
+    return confirmUrl[0] != '\0';
+}
+
 unsigned nodePage(struct Session const *session, int confirming, struct Text *page, int timeoutMs) {
     if (confirmUrl[0] == '\0') {
         pageError(page, "Not found", "No node service is configured for this application.");

@@ -17,6 +17,9 @@
  * call the page says that no node service is configured. */
 int nodeConfigure(char const *serviceUrl, char const *secretFile);
 
+/* Whether a node service is configured: the signed-in page links to NODE_PATH then. */
+int nodeConfigured(void);
+
 /* The page for the signed-in `session`: GET shows the form, POST (`confirming` 1) asks the service
  * and shows what it said, each request waiting at most `timeoutMs`. Fills `page` and returns
  * the HTTP status. Any request thread. */

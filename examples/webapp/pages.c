@@ -1,5 +1,7 @@
 #include "pages.h"
 
+#include "node.h"
+
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -101,6 +103,10 @@ void pageSignedIn(struct Text *page, struct Session const *session) {
                      "<button type=\"submit\" id=\"refresh\">Refresh the session</button></form>"
                      "<form method=\"post\" action=\"/logout\">"
                      "<button type=\"submit\" id=\"logout\">Sign out</button></form>\n");
+    if (nodeConfigured()) {
+        textAppend(page, "<p><a href=\"" NODE_PATH "\" id=\"node\">Have the node service "
+                         "confirm you</a></p>\n");
+    }
     end(page);
 }
 

@@ -167,8 +167,14 @@ async function refresh(person, times) {
     && new RegExp(`Refreshed ${times} times?\\.`).test(shown);
 }
 
+// From the signed-in page to the node service's page.
+async function openNodePage(person, site) {
+  await person.page.goto(site);
+  await Promise.all([person.page.waitForNavigation(), person.page.click('#node')]);
+}
+
 async function confirmAtNode(person, site) {
-  await person.page.goto(`${site}/node`);
+  await openNodePage(person, site);
   await Promise.all([person.page.waitForNavigation(), person.page.click('#confirm')]);
   const shown = await text(person.page);
   return new RegExp(`The node service confirmed you as ${person.user}\\.`).test(shown);
@@ -248,8 +254,10 @@ async function main() {
     // the person's instance hands it.
     const confirmed = ['web1', 'web2', 'web3'].map((name) => people.find((p) => p.instance === name));
     for (const person of confirmed) {
-      await person.page.goto(`${site}/node`);
-      if (person === confirmed[0]) await screenshot(person.page, 'node-page');
+      if (person === confirmed[0]) {
+        await openNodePage(person, site);
+        await screenshot(person.page, 'node-page');
+      }
       check(await confirmAtNode(person, site), `the node service confirms ${person.user} (${person.instance})`);
       const html = await person.page.content();
       check(!/access_token|userinfo_uri/.test(html), `the node configuration of ${person.user} does not reach the browser`);
