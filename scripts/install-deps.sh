@@ -9,6 +9,8 @@ packages=(cmake g++ make pkg-config binutils libcurl4-openssl-dev libjsoncpp-dev
 packages+=(dpkg-dev lintian)
 # The example web application and its browser test (headless, driven by puppeteer-core).
 packages+=(libmicrohttpd-dev chromium)
+# The example behind a load balancer (scripts/cluster.sh) and its browser test.
+packages+=(haproxy)
 # The login benchmark's charts.
 packages+=(gnuplot-nox)
 scripts/install-packages.sh "${packages[@]}"

@@ -5,75 +5,20 @@
  * entry's first redirect URI must be this application's "/cb" as the browsers reach it. Prints
  * "qxss-webapp: listening on <origin>/" when it serves, and stops on SIGINT or SIGTERM. The
  * library's log goes to syslog, or to FILE with --log: it holds client secrets, codes and
- * tokens in the clear, so the file is made readable by its owner alone. */
+ * tokens in the clear, so the file is made readable by its owner alone. With --node-service,
+ * the page "/node" lets a signed-in user be confirmed by the node-role service at URL
+ * (qxss-node-service), which shares the secret in FILE with this application. */
 #include "channel.h"
+#include "node.h"
+#include "process.h"
 #include "store.h"
 #include "web.h"
 #include "worker/libqxss.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-static FILE *logFile;
-
-/* Writes one statement of the library with every control character but its final line end
- * escaped (and the escape character itself), since provider answers are logged as they came
- * and a line break in one could otherwise forge log lines. */
-static void toLogFile(char const *text, void *context) {
-    (void)context;
-    size_t length = strlen(text);
-    int ended = length > 0 && text[length - 1] == '\n';
-    char *line = malloc(length * 4 + 2);
-    if (line == NULL) {
-        fputs("qxss-webapp: a log statement was lost (out of memory)\n", logFile);
-        fflush(logFile);
-        return;
-    }
-    char *out = line;
-    for (size_t i = 0; i < length - (size_t)ended; ++i) {
-        unsigned char byte = (unsigned char)text[i];
-        if (byte == '\\') {
-            *out++ = '\\';
-            *out++ = '\\';
-        } else if (byte < 0x20 || byte == 0x7f) {
-            out += sprintf(out, "\\x%02x", byte);
-        } else {
-            *out++ = (char)byte;
-        }
-    }
-    *out++ = '\n';
-    *out = '\0';
-    /* One call per statement: stdio's lock keeps statements of two threads apart. */
-    fputs(line, logFile);
-    fflush(logFile);
-    free(line);
-}
-
-/* Opens the log for appending: created private, never through a symbolic link, never handed
- * to a child process, and made private if it was not. */
-static FILE *openLog(char const *path) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600);
-    struct stat status;
-    if (fd < 0 || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
-        fchmod(fd, 0600) != 0) {
-        perror(path);
-        if (fd >= 0) {
-            close(fd);
-        }
-        return NULL;
-    }
-    FILE *file = fdopen(fd, "a");
-    if (file == NULL) {
-        perror(path);
-        close(fd);
-    }
-    return file;
-}
 
 static int usage(char const *program) {
     fprintf(stderr,
@@ -81,6 +26,7 @@ static int usage(char const *program) {
             "       [--https CERT KEY] [--public-origin URL] [--trusted-proxy ADDR]\n"
             "       [--session-lifetime SECONDS] [--logins-per-minute N] [--max-pending N]\n"
             "       [--pending-lifetime SECONDS] [--max-connections N] [--max-per-address N]\n"
+            "       [--node-service URL --node-secret-file FILE]\n"
             "  --https CERT KEY       serve TLS with these PEM files; cookies become\n"
             "                         Secure and __Host- prefixed\n"
             "  --public-origin URL    the origin browsers see (https://sso.example.com:8443)\n"
@@ -88,6 +34,9 @@ static int usage(char const *program) {
             "                         only from it, and an https origin makes cookies Secure\n"
             "  --trusted-proxy ADDR   the balancer's address: only from it is X-Forwarded-For\n"
             "                         believed, and its last entry is the client\n"
+            "  --node-service URL     the node-role service that the page /node asks to\n"
+            "                         confirm the signed-in user; --node-secret-file FILE\n"
+            "                         holds the secret shared with it\n"
             "  /healthz answers 200 while the library's worker answers, else 503\n",
             program);
     return 2;
@@ -117,6 +66,8 @@ int main(int argc, char **argv) {
     int maxPending = 512;
     int pendingLifetime = 300;
     char const *logPath = NULL;
+    char const *nodeService = NULL;
+    char const *nodeSecretFile = NULL;
     for (int i = 1; i < argc; ++i) {
         char const *value = i + 1 < argc ? argv[i + 1] : NULL;
         int ok = value != NULL;
@@ -149,6 +100,10 @@ int main(int argc, char **argv) {
             ok = number(value, 1, 100000, &settings.maxConnections);
         } else if (strcmp(argv[i], "--max-per-address") == 0) {
             ok = number(value, 0, 100000, &settings.maxPerAddress);
+        } else if (strcmp(argv[i], "--node-service") == 0) {
+            nodeService = value;
+        } else if (strcmp(argv[i], "--node-secret-file") == 0) {
+            nodeSecretFile = value;
         } else {
             ok = 0;
         }
@@ -157,28 +112,26 @@ int main(int argc, char **argv) {
         }
         ++i;
     }
+    if ((nodeService == NULL) != (nodeSecretFile == NULL)) {
+        return usage(argv[0]);
+    }
+    if (nodeService && nodeConfigure(nodeService, nodeSecretFile) != 0) {
+        return 1;
+    }
     /* Behind a balancer every connection comes from it: only the total bounds them then. */
     if (settings.trustedProxy) {
         settings.maxPerAddress = 0;
     }
-    if (logPath) {
-        logFile = openLog(logPath);
-        if (logFile == NULL) {
-            return 1;
-        }
-        SsoSetLogCallback(toLogFile, NULL);
+    if (logPath && processLogStart(logPath, "qxss-webapp") != 0) {
+        return 1;
     }
     if (storeStart(maxPending, pendingLifetime) != 0) {
         fprintf(stderr, "qxss-webapp: out of memory\n");
         return 1;
     }
 
-    /* Every thread started from here on leaves the stop signals to sigwait below. */
     sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, NULL);
+    processBlockStopSignals(&stop);
 
     int status = 1;
     if (channelStart() != 0) {
@@ -211,9 +164,6 @@ stopChannel:
     channelStop();
 closeLog:
     storeStop();
-    if (logFile) {
-        SsoSetLogCallback(NULL, NULL);
-        fclose(logFile);
-    }
+    processLogStop();
     return status;
 }

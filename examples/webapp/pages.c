@@ -1,5 +1,7 @@
 #include "pages.h"
 
+#include "node.h"
+
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -101,6 +103,27 @@ void pageSignedIn(struct Text *page, struct Session const *session) {
                      "<button type=\"submit\" id=\"refresh\">Refresh the session</button></form>"
                      "<form method=\"post\" action=\"/logout\">"
                      "<button type=\"submit\" id=\"logout\">Sign out</button></form>\n");
+    if (nodeConfigured()) {
+        textAppend(page, "<p><a href=\"" NODE_PATH "\" id=\"node\">Have the node service "
+                         "confirm you</a></p>\n");
+    }
+    end(page);
+}
+
+void pageNodeConfirmed(struct Text *page, struct Session const *session, char const *confirmedUser) {
+    begin(page, "Node service");
+    textAppend(page, "<p>Signed in here as <strong>");
+    textAppendHtml(page, session->user);
+    textAppend(page, "</strong>. The node service trusts a user only when the server that holds "
+                     "the sign-in vouches for it.</p>\n");
+    if (confirmedUser) {
+        textAppend(page, "<p id=\"confirmed\">The node service confirmed you as <strong>");
+        textAppendHtml(page, confirmedUser);
+        textAppend(page, "</strong>.</p>\n");
+    }
+    textAppend(page, "<form method=\"post\" action=\"/node\">"
+                     "<button type=\"submit\" id=\"confirm\">Confirm at the node service</button>"
+                     "</form>\n<p><a href=\"/\">Back to the start</a></p>\n");
     end(page);
 }
 

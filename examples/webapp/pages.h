@@ -14,6 +14,10 @@ void pageLoginOptions(struct Text *page, char const *encodedOptions);
 /* The page of a signed-in user. */
 void pageSignedIn(struct Text *page, struct Session const *session);
 
+/* The node service's page for a signed-in user: whom the node service confirmed (`confirmedUser`,
+ * null before it was asked) and the form that asks it. */
+void pageNodeConfirmed(struct Text *page, struct Session const *session, char const *confirmedUser);
+
 /* A plain error page: a title and one sentence, and the way back to the start. */
 void pageError(struct Text *page, char const *title, char const *message);
 

@@ -1,10 +1,12 @@
 /* The routes: "/" (the sign-in options, or the signed-in page), "/login" (starts a login at the
  * provider), "/cb" (where the provider sends the browser back), "/refresh" and "/logout" (forms
- * of the signed-in page), and "/healthz" (whether the library's worker still answers). */
+ * of the signed-in page), "/healthz" (whether the library's worker still answers), and "/node"
+ * (the node-role service confirms the signed-in user, node.c). */
 #include "web.h"
 
 #include "channel.h"
 #include "limit.h"
+#include "node.h"
 #include "pages.h"
 #include "store.h"
 #include "text.h"
@@ -387,6 +389,16 @@ static void logout(struct MHD_Connection *connection, struct Reply *reply) {
     redirect(reply, "/");
 }
 
+/* The node-role service confirms the signed-in user (node.c). */
+static void node(struct MHD_Connection *connection, struct Reply *reply, int confirming) {
+    struct Session session;
+    if (storeSessionGet(cookie(connection, sessionCookie), &session) != 0) {
+        redirect(reply, "/");
+        return;
+    }
+    reply->status = nodePage(&session, confirming, &reply->page, settings.timeoutMs);
+}
+
 /* A form sent from another site's page is not obeyed, whatever cookies came with it. Browsers
  * send Origin with every POST; a request without it must name a page of ours as Referer, and
  * one with neither is refused, as a request whose origin cannot be told. */
@@ -518,6 +530,8 @@ static enum MHD_Result serve(void *unused, struct MHD_Connection *connection, ch
         refresh(connection, &reply);
     } else if (post && strcmp(url, "/logout") == 0) {
         logout(connection, &reply);
+    } else if ((get || post) && strcmp(url, NODE_PATH) == 0) {
+        node(connection, &reply, post);
     } else {
         fail(&reply, MHD_HTTP_NOT_FOUND, "Not found", "There is no such page.");
     }
