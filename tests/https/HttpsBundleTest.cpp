@@ -104,7 +104,7 @@ protected:
         EXPECT_EQ(config.compare(0, 18, "SSO_GET_CONFIG_OK|"), 0) << config;
         host.send("SSO_VERIFY|code-" + std::to_string(logins_) + "|" + session + "\n");
         std::string reply = host.readLine(10000);
-        EXPECT_EQ(host.readFor(300), "");
+        EXPECT_EQ(host.strayReplies(log, LoginChannel::drained(session)), "");
         lastSession = session;
         return reply;
     }

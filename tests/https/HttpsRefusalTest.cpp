@@ -89,7 +89,7 @@ protected:
         log.clear();
         on.send(command + "\n");
         EXPECT_EQ(on.readLine(10000), failure + "\n");
-        EXPECT_EQ(on.readFor(300), "");
+        EXPECT_EQ(on.strayReplies(log, LoginChannel::drained(session)), "");
         EXPECT_TRUE(log.hasInOrder({
             "Sso: Started async " + flow + " flow successfully for user session: '" + session +
                 "'.\n",
@@ -109,7 +109,7 @@ protected:
         log.clear();
         on.send(command + "\n");
         EXPECT_EQ(on.readLine(10000), failure + "\n");
-        EXPECT_EQ(on.readFor(300), "");
+        EXPECT_EQ(on.strayReplies(log, "Sso: ERROR! Sync " + login + " login also failed.\n"), "");
         EXPECT_TRUE(log.hasInOrder({
             "Sso: Executing sync " + login + " login for user session: '" + session + "'.\n",
             "SsoRequest: ERROR! Sso request failed. CURL error message: '" + problem() + "'.\n",
@@ -124,7 +124,8 @@ protected:
 
 TEST_P(HttpsRefusalTest, DiscoveryFailsTheLoad) {
     ASSERT_EQ(load(host, {entryAt(*bad)}), "SSO_LOAD_METADATA_FAILURE\n");
-    EXPECT_EQ(host.readFor(300), "");
+    EXPECT_EQ(host.strayReplies(log, "SsoActions: ERROR! Loading configuration metadata failed.\n"),
+              "");
     std::string const url = bad->url("/.well-known/openid-configuration");
     EXPECT_TRUE(log.hasInOrder({
         "CurlRequest: syncRequest called for URL: '" + url + "'.\n",
