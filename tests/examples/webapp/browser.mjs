@@ -110,8 +110,22 @@ function configuration(base, callback, secondBase = base) {
 }
 
 // One instance of the application with a configuration directory of its own. `callback` is
-// the redirect URI registered for it (by default its own /cb over plain HTTP).
-async function startApp(base, { name, scheme = 'http', args = [], env = {}, callback, port: chosen, secondBase }) {
+// the redirect URI registered for it (by default its own /cb over plain HTTP). The port must be
+// in the configuration before the application starts, so it is chosen free and then bound by
+// the application; another program may take it in between, and then the application cannot
+// listen and ends: the next try takes another port.
+async function startApp(base, options) {
+  for (let attempt = 1; ; attempt += 1) {
+    try {
+      return await startAppOnce(base, options);
+    } catch (error) {
+      if (options.port !== undefined || attempt === 5) throw error;
+      console.log(`${options.name}: the application did not start (${error.message}); trying another port`);
+    }
+  }
+}
+
+async function startAppOnce(base, { name, scheme = 'http', args = [], env = {}, callback, port: chosen, secondBase }) {
   const configDir = temporaryDir(name);
   const port = chosen ?? await freePort();
   const origin = `${scheme}://127.0.0.1:${port}`;
