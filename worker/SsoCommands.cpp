@@ -1,3 +1,5 @@
+// The command table: one row per command of the channel, and the handlers, the failure lines,
+// the blocking fallback of the logins and the drain of finished flows that read it.
 #include "worker/SsoCommands.h"
 
 #include "actions/SsoActions.h"
@@ -7,13 +9,29 @@
 #include "server/SsoServer.h"
 #include "transport/CurlRequest.h"
 #include "worker/SsoChannel.h"
+#include "worker/SsoCommand.h"
+#include "worker/SsoWords.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
 
 bool SsoCommands::flowStarted = false;
 
 namespace {
+
+// What SsoActions::loadConfigs returns.
+constexpr int kConfigsLoaded = 0;
+constexpr int kConfigsFailed = -1;
+constexpr int kMetadataFailed = -2;
+
+// A name that is no command is still held to the shape of most commands (a name and two
+// non-empty arguments) before it is called incorrect; a shorter line passes in silence.
+constexpr size_t kElementsOfUnknownNames = 3;
+
+// Flow type of a command that no background flow answers.
+constexpr int kNoFlow = 0;
 
 // From here on the command's flow owns its reply. A test may throw at this point to see that
 // the command still gets one line.
@@ -33,294 +51,300 @@ int64_t readOptionId(std::string const &text) {
     return id >= 1 ? id : -1;
 }
 
-// "<word>|<engine text>\n" or "<failure word>|<session>\n"; the engine's array is freed here.
-char *compose(char *result, char const *ok, char const *failure, std::string const &session) {
+// "<word>|<field>|<tail>\n", leaving out each of the two that is null.
+char *replyLine(char const *word, char const *field, char const *tail = nullptr) {
     char *reply = nullptr;
-    if (result != nullptr) {
-        StringAdd(reply, ok, result, "\n");
-        delete[] result;
-    } else {
-        StringAdd(reply, failure, session.c_str(), "\n");
-    }
-    return reply;
+    return StringAdd(reply, word, field == nullptr ? nullptr : SsoWords::separator, field,
+                     tail == nullptr ? nullptr : SsoWords::separator, tail, SsoWords::lineEnd);
 }
 
-char *loadConfigs() {
-    int result = SsoActions::loadConfigs();
-    char *reply = nullptr;
-    switch (result) {
-        case 0:
-            return StringInit(reply, "SSO_LOAD_CONFIGS_OK\n");
-        case -1:
-            return StringInit(reply, "SSO_LOAD_CONFIGS_FAILURE\n");
-        case -2:
-            return StringInit(reply, "SSO_LOAD_METADATA_FAILURE\n");
+// The failure line of a row: its word and, where it has one, the session.
+char *failureLine(SsoCommand const &row, std::string const &session) {
+    return replyLine(row.failureWord, row.sessionElement == 0 ? nullptr : session.c_str());
+}
+
+// The success line of a login: its word, the user token and, where the row says so, the session.
+char *loginLine(SsoCommand const &row, char const *token, std::string const &session) {
+    return replyLine(row.okWord, token, row.okEndsWithSession ? session.c_str() : nullptr);
+}
+
+// The row's success line with the engine's text, or its failure line when there is none; the
+// engine's array is freed here.
+char *compose(SsoCommand const &row, char *result, std::string const &session) {
+    std::unique_ptr<char[]> text(result);
+    return text ? replyLine(row.okWord, text.get()) : failureLine(row, session);
+}
+
+std::string const &sessionIn(SsoCommand const &row, std::vector<std::string> const &command) {
+    return command[row.sessionElement];
+}
+
+char *loadConfigs(SsoCommand const &row, std::vector<std::string> const &) {
+    switch (SsoActions::loadConfigs()) {
+        case kConfigsLoaded:
+            return replyLine(row.okWord, nullptr);
+        case kConfigsFailed:
+            return replyLine(row.failureWord, nullptr);
+        case kMetadataFailed:
+            return replyLine(SsoWords::loadMetadataFailure, nullptr);
         default:
-            Log() << "Sso: ERROR! Command '"
-                  << "SSO_LOAD_CONFIGS"
-                  << "' return is"
+            Log() << "Sso: ERROR! Command '" << row.name << "' return is"
                   << " incorrect.\n";
             return nullptr;
     }
 }
 
-char *clientConfig(std::string const &idText, std::string const &session, char const *clusterIp,
-                   char const *ok, char const *failure) {
-    int64_t id = readOptionId(idText);
+char *getNodeConfig(SsoCommand const &row, std::vector<std::string> const &command) {
+    std::string const &session = sessionIn(row, command);
+    return compose(row, SsoActions::getNodeConfig(session.c_str()), session);
+}
+
+char *clientConfig(SsoCommand const &row, std::vector<std::string> const &command,
+                   char const *clusterIp) {
+    int64_t id = readOptionId(command[1]);
     if (id < 0) {
         return nullptr;
     }
+    std::string const &session = sessionIn(row, command);
     char *result =
         SsoActions::getClientConfig(static_cast<unsigned int>(id), session.c_str(), clusterIp);
-    return compose(result, ok, failure, session);
+    return compose(row, result, session);
 }
 
-// The answer of the blocking road, with the words of the background road's reply.
-char *failover(char *token, char const *ok, char const *failure, std::string const &session,
-               bool withSession, char const *succeeded, char const *alsoFailed) {
-    char *reply = nullptr;
-    if (token == nullptr) {
-        Log() << alsoFailed;
-        return StringAdd(reply, failure, session.c_str(), "\n");
-    }
-    Log() << succeeded;
-    if (withSession) {
-        StringAdd(reply, ok, token, "|", session.c_str(), "\n");
-    } else {
-        StringAdd(reply, ok, token, "\n");
-    }
-    delete[] token;
-    return reply;
+char *getConfig(SsoCommand const &row, std::vector<std::string> const &command) {
+    return clientConfig(row, command, nullptr);
 }
 
-char *failureLine(char const *failure, std::string const &session) {
-    char *reply = nullptr;
-    return StringAdd(reply, failure, session.c_str(), "\n");
+// The cluster address stands just before the session, which is the last element.
+char *getConfigCluster(SsoCommand const &row, std::vector<std::string> const &command) {
+    return clientConfig(row, command, command[row.sessionElement - 1].c_str());
 }
 
-char *verify(std::string const &code, std::string const &session) {
-    SsoServer &server = SsoServer::getServer();
-    OAuthAuthzInfo info;
-    if (!server.popOAuthAuthzInfo(session, info)) {
-        Log() << "Sso: ERROR! Can't get auth info for user session: '" << session << "'.\n";
-        return failureLine("SSO_VERIFY_FAILURE|", session);
+// The answer of the blocking road, in the words of the background road's reply.
+char *failover(SsoCommand const &row, char *token, std::string const &session) {
+    std::unique_ptr<char[]> owned(token);
+    if (!owned) {
+        Log() << "Sso: ERROR! Sync " << row.loginName << " login also failed.\n";
+        return failureLine(row, session);
     }
-    Log() << "Sso: Attempting async verify flow for user session: '" << session << "'.\n";
-    if (CurlRequest::getNetwork().startVerifyFlow(session, code, info)) {
+    Log() << "Sso: Sync " << row.loginName << " login succeeded (failover).\n";
+    return loginLine(row, owned.get(), session);
+}
+
+// Starts the login's background flow, which answers it later; when the flow cannot start,
+// `restore` (if any) puts the popped record back and the blocking login answers at once.
+char *startOrFailOver(SsoCommand const &row, std::string const &session,
+                      std::function<bool()> const &start, std::function<bool()> const &restore,
+                      std::function<char *()> const &blockingLogin) {
+    Log() << "Sso: Attempting async " << row.flowName << " flow for user session: '" << session
+          << "'.\n";
+    if (start()) {
         startedFlow();
-        Log() << "Sso: Started async verify flow successfully for user session: '" << session
-              << "'.\n";
+        Log() << "Sso: Started async " << row.flowName << " flow successfully for user session: '"
+              << session << "'.\n";
         return nullptr;
     }
-    Log() << "Sso: WARNING! Async verify flow failed to start. "
+    Log() << "Sso: WARNING! Async " << row.flowName << " flow failed to start. "
           << "Falling back to sync path for user session: '" << session << "'.\n";
-    // The blocking road consumes the record from the store by itself, so it goes back first.
-    if (!server.pushOAuthAuthzInfo(session, info)) {
-        Log() << "Sso: ERROR! Failed to restore auth info for failover.\n";
-        return failureLine("SSO_VERIFY_FAILURE|", session);
+    if (restore && !restore()) {
+        return failureLine(row, session);
     }
-    Log() << "Sso: Executing sync verify login for user session: '" << session << "'.\n";
-    return failover(SsoActions::verifyLogin(code.c_str(), session.c_str()), "SSO_VERIFY_OK|",
-                    "SSO_VERIFY_FAILURE|", session, true,
-                    "Sso: Sync verify login succeeded (failover).\n",
-                    "Sso: ERROR! Sync verify login also failed.\n");
+    Log() << "Sso: Executing sync " << row.loginName << " login for user session: '" << session
+          << "'.\n";
+    return failover(row, blockingLogin(), session);
 }
 
-char *refresh(std::string const &uuid, std::string const &session) {
+// Whether the login's record was taken from its store; a miss is logged with the record's
+// kind ("auth" or "refresh").
+bool popped(bool taken, char const *record, std::string const &session) {
+    if (!taken) {
+        Log() << "Sso: ERROR! Can't get " << record << " info for user session: '" << session
+              << "'.\n";
+    }
+    return taken;
+}
+
+// Whether the record went back to its store before the blocking road, which consumes it from
+// there by itself; a failure is logged with the record's kind.
+bool restored(bool pushed, char const *record) {
+    if (!pushed) {
+        Log() << "Sso: ERROR! Failed to restore " << record << " info for failover.\n";
+    }
+    return pushed;
+}
+
+char *verify(SsoCommand const &row, std::vector<std::string> const &command) {
+    std::string const &code = command[1];
+    std::string const &session = sessionIn(row, command);
+    SsoServer &server = SsoServer::getServer();
+    OAuthAuthzInfo info;
+    if (!popped(server.popOAuthAuthzInfo(session, info), "auth", session)) {
+        return failureLine(row, session);
+    }
+    return startOrFailOver(
+        row, session,
+        [&] { return CurlRequest::getNetwork().startVerifyFlow(session, code, info); },
+        [&] { return restored(server.pushOAuthAuthzInfo(session, info), "auth"); },
+        [&] { return SsoActions::verifyLogin(code.c_str(), session.c_str()); });
+}
+
+char *refresh(SsoCommand const &row, std::vector<std::string> const &command) {
+    std::string const &uuid = command[1];
+    std::string const &session = sessionIn(row, command);
     SsoServer &server = SsoServer::getServer();
     OAuthRefreshInfo info;
-    if (!server.popOAuthRefreshInfo(session, info)) {
-        Log() << "Sso: ERROR! Can't get refresh info for user session: '" << session << "'.\n";
-        return failureLine("SSO_REFRESH_FAILURE|", session);
+    if (!popped(server.popOAuthRefreshInfo(session, info), "refresh", session)) {
+        return failureLine(row, session);
     }
     // An aged record is dropped here for good: it is not pushed back.
     if (!server.validateOAuthRefreshInfo(info)) {
         Log() << "Sso: Refresh token expired.\n";
-        return failureLine("SSO_REFRESH_FAILURE|", session);
+        return failureLine(row, session);
     }
-    Log() << "Sso: Attempting async refresh flow for user session: '" << session << "'.\n";
-    if (CurlRequest::getNetwork().startRefreshFlow(session, uuid, info.refreshToken,
-                                                   info.configId)) {
-        startedFlow();
-        Log() << "Sso: Started async refresh flow successfully for user session: '" << session
-              << "'.\n";
-        return nullptr;
-    }
-    Log() << "Sso: WARNING! Async refresh flow failed to start. "
-          << "Falling back to sync path for user session: '" << session << "'.\n";
-    if (!server.pushOAuthRefreshInfo(session, info)) {
-        Log() << "Sso: ERROR! Failed to restore refresh info for failover.\n";
-        return failureLine("SSO_REFRESH_FAILURE|", session);
-    }
-    Log() << "Sso: Executing sync refresh login for user session: '" << session << "'.\n";
-    return failover(SsoActions::refreshLogin(uuid.c_str(), session.c_str()), "SSO_REFRESH_OK|",
-                    "SSO_REFRESH_FAILURE|", session, true,
-                    "Sso: Sync refresh login succeeded (failover).\n",
-                    "Sso: ERROR! Sync refresh login also failed.\n");
+    return startOrFailOver(
+        row, session,
+        [&] {
+            return CurlRequest::getNetwork().startRefreshFlow(session, uuid, info.refreshToken,
+                                                              info.configId);
+        },
+        [&] { return restored(server.pushOAuthRefreshInfo(session, info), "refresh"); },
+        [&] { return SsoActions::refreshLogin(uuid.c_str(), session.c_str()); });
 }
 
-char *nodeVerify(std::string const &nodeConfig, std::string const &session) {
-    Log() << "Sso: Attempting async node verify flow for user session: '" << session << "'.\n";
-    if (CurlRequest::getNetwork().startNodeVerifyFlow(session, nodeConfig)) {
-        startedFlow();
-        Log() << "Sso: Started async node verify flow successfully for user session: '"
-              << session << "'.\n";
-        return nullptr;
+// No store is involved, so nothing is popped before the start or restored after it.
+char *nodeVerify(SsoCommand const &row, std::vector<std::string> const &command) {
+    std::string const &nodeConfig = command[1];
+    std::string const &session = sessionIn(row, command);
+    return startOrFailOver(
+        row, session,
+        [&] { return CurlRequest::getNetwork().startNodeVerifyFlow(session, nodeConfig); }, nullptr,
+        [&] { return SsoActions::nodeLogin(nodeConfig.c_str(), session.c_str()); });
+}
+
+// In the order in which the names are compared. The first three check their own arguments
+// and log none; the others need a name and two arguments, which they log. The node's success
+// line carries no session at its end.
+SsoCommand const kCommands[] = {
+    // name, elements, session element, ok word, failure word, ok ends with session, handler,
+    // logs arguments, reads option id, flow type, flow name, login name
+    {SsoWords::loadConfigs, 1, 0, SsoWords::loadConfigsOk, SsoWords::loadConfigsFailure, false,
+     loadConfigs, false, false, kNoFlow, nullptr, nullptr},
+    {SsoWords::getNodeConfig, 2, 1, SsoWords::getNodeConfigOk, SsoWords::getNodeConfigFailure,
+     false, getNodeConfig, false, false, kNoFlow, nullptr, nullptr},
+    {SsoWords::getConfigCluster, 4, 3, SsoWords::getConfigClusterOk,
+     SsoWords::getConfigClusterFailure, false, getConfigCluster, false, true, kNoFlow, nullptr,
+     nullptr},
+    {SsoWords::getConfig, 3, 2, SsoWords::getConfigOk, SsoWords::getConfigFailure, false, getConfig,
+     true, true, kNoFlow, nullptr, nullptr},
+    {SsoWords::verify, 3, 2, SsoWords::verifyOk, SsoWords::verifyFailure, true, verify, true, false,
+     FlowVerify, "verify", "verify"},
+    {SsoWords::refresh, 3, 2, SsoWords::refreshOk, SsoWords::refreshFailure, true, refresh, true,
+     false, FlowRefresh, "refresh", "refresh"},
+    {SsoWords::nodeVerify, 3, 2, SsoWords::nodeVerifyOk, SsoWords::nodeVerifyFailure, false,
+     nodeVerify, true, false, FlowNodeVerify, "node verify", "node"},
+};
+
+// The row of a command name, or null for a name that is no command.
+SsoCommand const *rowOf(std::string const &name) {
+    for (SsoCommand const &row : kCommands) {
+        if (name == row.name) {
+            return &row;
+        }
     }
-    Log() << "Sso: WARNING! Async node verify flow failed to start. "
-          << "Falling back to sync path for user session: '" << session << "'.\n";
-    Log() << "Sso: Executing sync node login for user session: '" << session << "'.\n";
-    // The node's success line carries no session at its end.
-    return failover(SsoActions::nodeLogin(nodeConfig.c_str(), session.c_str()),
-                    "SSO_NODE_VERIFY_OK|", "SSO_NODE_VERIFY_FAILURE|", session, false,
-                    "Sso: Sync node login succeeded (failover).\n",
-                    "Sso: ERROR! Sync node login also failed.\n");
+    return nullptr;
+}
+
+// The row of the login that a background flow of this type answers, or null.
+SsoCommand const *rowOfFlow(int32_t flowType) {
+    for (SsoCommand const &row : kCommands) {
+        if (row.flowType != kNoFlow && row.flowType == flowType) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+// Whether the line holds `elements` elements, each argument among them non-empty.
+bool hasArguments(std::vector<std::string> const &command, size_t elements) {
+    if (command.size() < elements) {
+        return false;
+    }
+    for (size_t i = 1; i < elements; ++i) {
+        if (command[i].empty()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void logArguments(std::vector<std::string> const &command) {
+    Log() << "Sso: Command arguments: '" << command[1] << "' ,'" << command[2] << "'.\n";
 }
 
 }  // namespace
 
 char *SsoCommands::execute(std::vector<std::string> const &command) {
     std::string const &name = command[0];
-    // The first three check their own arguments; every other name needs two non-empty ones.
-    if (name == "SSO_LOAD_CONFIGS") {
-        return loadConfigs();
-    }
-    if (name == "SSO_GET_NODE_CONFIG") {
-        if (command.size() < 2 || command[1].empty()) {
-            return nullptr;
+    SsoCommand const *row = rowOf(name);
+    if (row == nullptr) {
+        if (hasArguments(command, kElementsOfUnknownNames)) {
+            logArguments(command);
+            Log() << "Sso: Command '" << name << "' is incorrect.\n";
         }
-        return compose(SsoActions::getNodeConfig(command[1].c_str()), "SSO_GET_NODE_CONFIG_OK|",
-                       "SSO_GET_NODE_CONFIG_FAILURE|", command[1]);
-    }
-    if (name == "SSO_GET_CONFIG_CLUSTER") {
-        if (command.size() < 4 || command[1].empty() || command[2].empty() || command[3].empty()) {
-            return nullptr;
-        }
-        // The session is the last element and the cluster address the one before it.
-        return clientConfig(command[1], command[3], command[2].c_str(),
-                            "SSO_GET_CONFIG_CLUSTER_OK|", "SSO_GET_CONFIG_CLUSTER_FAILURE|");
-    }
-    if (command.size() < 3 || command[1].empty() || command[2].empty()) {
         return nullptr;
     }
-    Log() << "Sso: Command arguments: '" << command[1] << "' ,'" << command[2] << "'.\n";
-    if (name == "SSO_GET_CONFIG") {
-        return clientConfig(command[1], command[2], nullptr, "SSO_GET_CONFIG_OK|",
-                            "SSO_GET_CONFIG_FAILURE|");
+    if (!hasArguments(command, row->elements)) {
+        return nullptr;
     }
-    if (name == "SSO_VERIFY") {
-        return verify(command[1], command[2]);
+    if (row->logsArguments) {
+        logArguments(command);
     }
-    if (name == "SSO_REFRESH") {
-        return refresh(command[1], command[2]);
-    }
-    if (name == "SSO_NODE_VERIFY") {
-        return nodeVerify(command[1], command[2]);
-    }
-    Log() << "Sso: Command '" << name << "' is incorrect.\n";
-    return nullptr;
+    return row->handler(*row, command);
 }
 
 char *SsoCommands::failureReply(std::vector<std::string> const &command) {
-    std::string const &name = command[0];
-    char *reply = nullptr;
-    if (name == "SSO_LOAD_CONFIGS") {
-        return StringInit(reply, "SSO_LOAD_CONFIGS_FAILURE\n");
-    }
-    if (name == "SSO_GET_NODE_CONFIG") {
-        return command.size() < 2 || command[1].empty()
-                   ? nullptr
-                   : failureLine("SSO_GET_NODE_CONFIG_FAILURE|", command[1]);
-    }
-    if (name == "SSO_GET_CONFIG_CLUSTER") {
-        if (command.size() < 4 || command[1].empty() || command[2].empty() ||
-            command[3].empty() || readOptionId(command[1]) < 0) {
-            return nullptr;
-        }
-        return failureLine("SSO_GET_CONFIG_CLUSTER_FAILURE|", command[3]);
-    }
-    if (command.size() < 3 || command[1].empty() || command[2].empty()) {
+    SsoCommand const *row = rowOf(command[0]);
+    if (row == nullptr || !hasArguments(command, row->elements) ||
+        (row->readsOptionId && readOptionId(command[1]) < 0)) {
         return nullptr;
     }
-    if (name == "SSO_GET_CONFIG") {
-        return readOptionId(command[1]) < 0 ? nullptr
-                                            : failureLine("SSO_GET_CONFIG_FAILURE|", command[2]);
-    }
-    if (name == "SSO_VERIFY") {
-        return failureLine("SSO_VERIFY_FAILURE|", command[2]);
-    }
-    if (name == "SSO_REFRESH") {
-        return failureLine("SSO_REFRESH_FAILURE|", command[2]);
-    }
-    if (name == "SSO_NODE_VERIFY") {
-        return failureLine("SSO_NODE_VERIFY_FAILURE|", command[2]);
-    }
-    return nullptr;
+    return failureLine(*row, sessionOf(command));
 }
 
 std::string SsoCommands::sessionOf(std::vector<std::string> const &command) {
-    std::string const &name = command[0];
-    if (name == "SSO_GET_NODE_CONFIG") {
-        return command.size() > 1 ? command[1] : std::string();
-    }
-    if (name == "SSO_GET_CONFIG_CLUSTER") {
-        return command.size() > 3 ? command[3] : std::string();
-    }
-    if (name == "SSO_LOAD_CONFIGS" || command.size() < 3) {
+    SsoCommand const *row = rowOf(command[0]);
+    if (row == nullptr || row->sessionElement == 0 || command.size() <= row->sessionElement) {
         return std::string();
     }
-    return command[2];
+    return command[row->sessionElement];
 }
 
 namespace {
 
-// The reply word of a flow type, or null for an unknown type.
-char const *flowWord(int32_t flowType, bool success) {
-    switch (flowType) {
-        case FlowVerify:
-            return success ? "SSO_VERIFY_OK|" : "SSO_VERIFY_FAILURE|";
-        case FlowRefresh:
-            return success ? "SSO_REFRESH_OK|" : "SSO_REFRESH_FAILURE|";
-        case FlowNodeVerify:
-            return success ? "SSO_NODE_VERIFY_OK|" : "SSO_NODE_VERIFY_FAILURE|";
-        default:
-            return nullptr;
-    }
-}
-
 // Writes the reply line of one finished flow.
 void writeFlowReply(AsyncFlowResult const &result, int ioFd) {
     SsoChannel::enterStep("Reply of a finished flow");
-    Log() << "Sso: Processing completed async flow for session: '" << result.sessionId
-          << "'.\n";
-    char const *session = result.sessionId.c_str();
+    Log() << "Sso: Processing completed async flow for session: '" << result.sessionId << "'.\n";
     if (!result.success) {
         Log() << "Sso: Async flow failed: '" << result.errorMessage << "'"
               << " HTTP: " << result.httpCode << ".\n";
     }
-    char const *word = flowWord(result.flowType, result.success);
-    if (word == nullptr) {
+    SsoCommand const *row = rowOfFlow(result.flowType);
+    if (row == nullptr) {
         if (result.success) {
             Log() << "Sso: ERROR! Unknown flow type in async response.\n";
         }
         return;
     }
-    char *reply = nullptr;
-    if (!result.success) {
-        StringAdd(reply, word, session, "\n");
-    } else if (result.flowType == FlowNodeVerify) {
-        StringAdd(reply, word, result.data.c_str(), "\n");
-    } else {
-        StringAdd(reply, word, result.data.c_str(), "|", session, "\n");
-    }
-    auto failure = [&result, session] {
-        char *line = nullptr;
-        return StringAdd(line, flowWord(result.flowType, false), session, "\n");
-    };
-    SsoChannel::writeReply(ioFd, reply, result.sessionId, failure, [ioFd](char const *line) {
-        Log() << "Sso: Writing async response to FD: " << ioFd << ".\n";
-        Log() << "Sso: Response is: " << line << ".\n";
-    });
+    char *reply = result.success ? loginLine(*row, result.data.c_str(), result.sessionId)
+                                 : failureLine(*row, result.sessionId);
+    SsoChannel::writeReply(
+        ioFd, reply, result.sessionId,
+        [row, &result] { return failureLine(*row, result.sessionId); },
+        [ioFd](char const *line) {
+            Log() << "Sso: Writing async response to FD: " << ioFd << ".\n";
+            Log() << "Sso: Response is: " << line << ".\n";
+        });
 }
 
 }  // namespace
