@@ -350,17 +350,23 @@ void writeFlowReply(AsyncFlowResult const &result, int ioFd) {
 }  // namespace
 
 void SsoCommands::drainCompletedFlows(int ioFd) {
-    CurlRequest &network = CurlRequest::getNetwork();
+    std::vector<AsyncFlowResult> &finished = CurlRequest::getNetwork().completedFlows;
+    // One pass over the results, and one erase at its end: taking them from the front one at a
+    // time would move all the others each time.
+    size_t answered = 0;
     AsyncFlowResult result;
-    while (network.getCompletedFlow(result)) {
-        try {
+    try {
+        for (; answered < finished.size(); ++answered) {
+            // Taken out of the vector, so that nothing the write does to it can move it away.
+            result = std::move(finished[answered]);
             writeFlowReply(result, ioFd);
-        } catch (...) {
-            // Nothing throws after the write, so this result was not answered yet: the next
-            // drain takes it up again.
-            network.completedFlows.insert(network.completedFlows.begin(), std::move(result));
-            throw;
         }
-        result = AsyncFlowResult();
+    } catch (...) {
+        // Nothing throws after the write, so the result in hand was not answered yet: it goes
+        // back in its place, at the front of what the next drain takes up.
+        finished[answered] = std::move(result);
+        finished.erase(finished.begin(), finished.begin() + static_cast<std::ptrdiff_t>(answered));
+        throw;
     }
+    finished.clear();
 }
