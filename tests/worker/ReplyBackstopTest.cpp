@@ -1,8 +1,10 @@
 // The last check before a reply line leaves: a reply that holds a line break anywhere but at
 // its end would read as two replies, the second one forged. It is neither written nor logged
 // as a response; its command's failure line goes out instead. The command step and the drain
-// write through the same function.
+// write through the same function. And a drain whose write throws keeps what it has not
+// answered, in order, for the next one.
 #include "platform/Io.h"
+#include "platform/PlatformFakes.h"
 #include "tests/harness/LogCapture.h"
 #include "transport/CurlRequest.h"
 #include "worker/SsoChannel.h"
@@ -13,6 +15,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -126,6 +129,34 @@ TEST(ReplyBackstopTest, TheDrainAnswersAFlowWhoseTokenBreaksTheLineWithItsFailur
         })) << log.text();
         EXPECT_FALSE(log.contains("admin"));
     }
+}
+
+TEST(ReplyBackstopTest, ADrainThatThrowsMidwayKeepsWhatItHasNotAnsweredInOrder) {
+    CurlRequest &network = CurlRequest::getNetwork();
+    LogCapture log;
+    Channel channel;
+    for (char const *session : {"s-1", "s-2", "s-3"}) {
+        AsyncFlowResult result;
+        result.sessionId = session;
+        result.flowType = FlowVerify;
+        result.success = false;
+        network.completedFlows.push_back(result);
+    }
+    int replies = 0;
+    PlatformFakes::workerStep() = [&replies](char const *step) {
+        if (std::string(step) == "Reply of a finished flow" && ++replies == 2) {
+            throw std::runtime_error("injected fault");
+        }
+    };
+    EXPECT_THROW(SsoCommands::drainCompletedFlows(channel.fds[0]), std::runtime_error);
+    PlatformFakes::reset();
+    ASSERT_EQ(network.completedFlows.size(), 2u);
+    EXPECT_EQ(network.completedFlows[0].sessionId, "s-2");
+    EXPECT_EQ(network.completedFlows[1].sessionId, "s-3");
+    SsoCommands::drainCompletedFlows(channel.fds[0]);
+    EXPECT_TRUE(network.completedFlows.empty());
+    EXPECT_EQ(channel.received(),
+              "SSO_VERIFY_FAILURE|s-1\nSSO_VERIFY_FAILURE|s-2\nSSO_VERIFY_FAILURE|s-3\n");
 }
 
 }  // namespace
