@@ -1,3 +1,5 @@
+// The exports used on the host's thread around a login: login options, user sessions, and the
+// authorization URL, returned or handed to a browser callback; each behind the export guard.
 #include "actions/SsoActions.h"
 #include "worker/ExportGuard.h"
 #include "worker/libqxss.h"

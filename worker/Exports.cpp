@@ -1,3 +1,5 @@
+// The exports that serve the host itself: freeing the library's strings and setting the log
+// callback.
 #include "platform/LogSink.h"
 #include "worker/ExportGuard.h"
 #include "worker/libqxss.h"

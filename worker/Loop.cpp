@@ -1,3 +1,5 @@
+// The worker thread's body: each turn waits, runs the housekeeping, the transfers and the
+// drain of finished flows, and then reads and runs the host's commands.
 #include "platform/Io.h"
 #include "platform/Log.h"
 #include "platform/Thread.h"
@@ -18,6 +20,8 @@ constexpr size_t kReadSize = 5680;
 constexpr int kWaitMilliseconds = 50;
 // The kind of thread ThreadInit prepares: the library's worker.
 constexpr int kWorkerThreadKind = 104;
+// The wait's result when neither descriptor became ready.
+constexpr int kNothingReady = 0;
 
 // Runs one step of the turn; a throw is logged and the turn goes on.
 template <typename Step>
@@ -57,7 +61,7 @@ void runWorker(void *argument) {
         guarded("Drain of finished flows",
                 [&info] { SsoCommands::drainCompletedFlows(info.ioFd); });
 
-        if (ready == 0) {
+        if (ready == kNothingReady) {
             continue;
         }
         if (ready < 0) {

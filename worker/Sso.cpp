@@ -1,3 +1,5 @@
+// The worker's lifecycle exports: SsoInitialize starts the one worker thread, SsoDestroy stops
+// it, and TimedOperations is the housekeeping that the worker runs once a turn.
 #include "actions/SsoActions.h"
 #include "platform/Io.h"
 #include "platform/Log.h"
@@ -15,15 +17,26 @@ int32_t ticks = 0;
 namespace {
 
 constexpr uint64_t kNoThread = UINT64_MAX;
+constexpr int32_t kNoFd = -1;
+// What SsoInitialize returns.
+constexpr int kInitialized = 0;
+constexpr int kNotInitialized = -1;
+// The platform's thread calls answer 1 for success (ThreadCreate) and for yes
+// (ThreadIsCurrent).
+constexpr int kThreadYes = 1;
+// The size asked for the internal pipe's buffer.
+constexpr int kPipeCapacity = 65536;
+// The worker wakes on the pipe's readability and never reads these bytes.
+constexpr int32_t kStopMessage = 1;
 // TimedOperations runs once a worker turn, so these count turns: every 6,000th drops the idle
 // dynamic handles, and the 30,000th forgets aged refresh records and starts the count anew.
 constexpr int32_t kHandlerCleanupTicks = 6000;
 constexpr int32_t kTokenCleanupTicks = 30000;
 
-SsoWorkerInfo workerInfo = {kNoThread, kNoThread, -1, -1, -1};
+SsoWorkerInfo workerInfo = {kNoThread, kNoThread, kNoFd, kNoFd, kNoFd};
 
 void clearWorkerInfo() {
-    workerInfo = SsoWorkerInfo{kNoThread, kNoThread, -1, -1, -1};
+    workerInfo = SsoWorkerInfo{kNoThread, kNoThread, kNoFd, kNoFd, kNoFd};
 }
 
 void closePipe(int readFd, int writeFd) {
@@ -40,45 +53,47 @@ int initialize(int fd) {
     Log() << "Sso: Initialization received FD#" << fd << ".\n";
     if (workerInfo.threadHandle != kNoThread) {
         Log() << "Sso: ERROR! Worker thread was created.\n";
-        return -1;
+        return kNotInitialized;
     }
     Log() << "Sso: Creating internal pipe.\n";
-    int fds[2] = {-1, -1};
-    if (Io::pipe(fds, 0, 65536) == -1) {
+    int fds[2] = {kNoFd, kNoFd};
+    if (Io::pipe(fds, 0, kPipeCapacity) == -1) {
         Log() << "Sso: ERROR! Can't create internal pipe.\n";
-        return -1;
+        return kNotInitialized;
     }
     Log() << "Sso: Internal pipe read FD#" << fds[0] << " write FD#" << fds[1] << ".\n";
     Log() << "Sso: Initializing sso environment.\n";
     if (SsoActions::initialize() != 0) {
         Log() << "Sso: ERROR! Can't initialize sso environment.\n";
         closePipe(fds[0], fds[1]);
-        return -1;
+        return kNotInitialized;
     }
     Io::adopt(fd);
     workerInfo.internalReadFd = fds[0];
     workerInfo.internalWriteFd = fds[1];
     workerInfo.ioFd = fd;
     Log() << "Sso: Creating worker thread.\n";
-    if (ThreadCreate(&workerInfo.threadHandle, &workerInfo.threadId, loop, &workerInfo) == 1) {
+    if (ThreadCreate(&workerInfo.threadHandle, &workerInfo.threadId, loop, &workerInfo) ==
+        kThreadYes) {
         Log() << "Sso: Thread " << workerInfo.threadId << " created with I/O FD#" << workerInfo.ioFd
               << " internal FD#" << workerInfo.internalReadFd << " and FD#"
               << workerInfo.internalWriteFd << ".\n";
-        return 0;
+        return kInitialized;
     }
     Log() << "Sso: ERROR! Can't create worker thread.\n";
     closePipe(fds[0], fds[1]);
     clearWorkerInfo();
     Log() << "Sso: Destroying sso environment.\n";
     SsoActions::destroy();
-    return -1;
+    return kNotInitialized;
 }
 
 void destroy() {
     // From the worker's own thread (a log callback, say) a join would wait for itself and the
     // engines would be freed under the running worker. No log line either: this may be
     // running inside one.
-    if (workerInfo.threadHandle != kNoThread && ThreadIsCurrent(workerInfo.threadHandle) == 1) {
+    if (workerInfo.threadHandle != kNoThread &&
+        ThreadIsCurrent(workerInfo.threadHandle) == kThreadYes) {
         return;
     }
     if (workerInfo.threadHandle == kNoThread) {
@@ -86,10 +101,9 @@ void destroy() {
         return;
     }
     Log() << "Sso: Worker thread ID is " << workerInfo.threadId << ".\n";
-    Log() << "Sso: Writing " << 4 << " bytes on FD#" << workerInfo.internalWriteFd
-          << " to stop thread.\n";
-    // The worker wakes on the pipe's readability and never reads these bytes.
-    int32_t stop = 1;
+    int32_t const stop = kStopMessage;
+    Log() << "Sso: Writing " << static_cast<int>(sizeof stop) << " bytes on FD#"
+          << workerInfo.internalWriteFd << " to stop thread.\n";
     Io::fds_[workerInfo.internalWriteFd].write(&stop, sizeof stop);
     Log() << "Sso: Waiting for thread  " << workerInfo.threadId << " to end.\n";
     void *result = nullptr;
@@ -121,7 +135,7 @@ void timedOperations() {
 }  // namespace
 
 int SsoInitialize(int fd) {
-    return ExportGuard::run("SsoInitialize", -1, [fd] { return initialize(fd); });
+    return ExportGuard::run("SsoInitialize", kNotInitialized, [fd] { return initialize(fd); });
 }
 
 void SsoDestroy() {

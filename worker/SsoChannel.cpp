@@ -1,3 +1,5 @@
+// The channel's side of the worker: framing and splitting of what the host sent, the command
+// step with its last-defence catch, and the one place where reply lines are written.
 #include "worker/SsoChannel.h"
 
 #include "platform/Io.h"
