@@ -14,6 +14,11 @@
 
 namespace {
 
+// Room reserved up front for the messages of one read and for the elements of one command
+// (most commands have three).
+constexpr size_t kMessagesReserved = 10;
+constexpr size_t kElementsReserved = 3;
+
 char *failureReplyOf(std::vector<std::string> const &command) {
     try {
         return SsoCommands::failureReply(command);
@@ -27,7 +32,7 @@ char *failureReplyOf(std::vector<std::string> const &command) {
 void SsoChannel::receive(char const *chunk, size_t length, std::string &lineCarry,
                          SsoWorkerInfo const &info) {
     std::vector<std::string> commandLines;
-    commandLines.reserve(10);
+    commandLines.reserve(kMessagesReserved);
     frame(chunk, length, lineCarry, commandLines);
     if (commandLines.empty()) {
         return;
@@ -73,7 +78,7 @@ void SsoChannel::frame(char const *chunk, size_t length, std::string &lineCarry,
 
 std::vector<std::string> SsoChannel::split(std::string const &message) {
     std::vector<std::string> elements;
-    elements.reserve(3);
+    elements.reserve(kElementsReserved);
     size_t start = 0;
     for (size_t i = 0; i < message.size(); ++i) {
         if (message[i] == '|') {

@@ -3,7 +3,6 @@
 #include "worker/SsoCommands.h"
 
 #include "actions/SsoActions.h"
-#include "platform/Io.h"
 #include "platform/Log.h"
 #include "platform/Strings.h"
 #include "server/SsoServer.h"
@@ -12,8 +11,9 @@
 #include "worker/SsoCommand.h"
 #include "worker/SsoWords.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <memory>
 

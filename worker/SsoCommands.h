@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-// Turns commands from the channel into engine calls and composes their reply lines. Worker
-// thread only.
+// Turns commands from the channel into engine calls and composes their reply lines, all from
+// one table with a row (SsoCommand) per command. Worker thread only.
 class SsoCommands {
 public:
     // Runs one split command (element 0 is the name) and returns the reply line to write, a new
