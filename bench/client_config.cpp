@@ -39,14 +39,9 @@ size_t heapInUse() {
     return info.uordblks + info.hblkhd;
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
-    int commands = argc > 1 ? std::atoi(argv[1]) : 100000;
-    int pending = argc > 2 ? std::atoi(argv[2]) : 100000;
-    SsoSetLogCallback(discard, nullptr);
-
-    FailureServer idp;
+// The library's worker on a server with one entry at `idp`, its configuration loaded. False,
+// with the reason on standard error, when it did not start or load.
+bool startHost(FailureServer &idp, WorkerHost &host) {
     idp.on("/.well-known/openid-configuration", 200,
            "{\"authorization_endpoint\":\"" + idp.url("/auth") + "\",\"token_endpoint\":\"" +
                idp.url("/token") + "\",\"userinfo_endpoint\":\"" + idp.url("/me") + "\"}");
@@ -56,18 +51,22 @@ int main(int argc, char **argv) {
         idp.url() +
         "\",\"client_id\":\"cid\",\"client_secret\":\"s\",\"redirect_uris\":["
         "\"https://app.example.com/sso/callback\"],\"qx_user_type\":\"local\"}}]");
-    WorkerHost host;
     if (host.start() != 0) {
         std::fprintf(stderr, "worker did not start\n");
-        return 1;
+        return false;
     }
     host.send("SSO_LOAD_CONFIGS\n");
     std::string loaded = host.readLine(30000);
     if (loaded != "SSO_LOAD_CONFIGS_OK\n") {
         std::fprintf(stderr, "load failed: '%s'\n", loaded.c_str());
-        return 1;
+        return false;
     }
+    return true;
+}
 
+// `commands` SSO_GET_CONFIG lines written in batches while their replies are read: prints the
+// rate, and what did not count. Returns the number of success lines of their own commands.
+int measureThroughput(WorkerHost &host, int commands) {
     auto start = std::chrono::steady_clock::now();
     std::thread writer([&] {
         std::string batch;
@@ -119,9 +118,12 @@ int main(int argc, char **argv) {
                     failed, other, missing, firstWrong.empty() ? "" : "; first: ",
                     firstWrong.empty() ? "\n" : firstWrong.c_str());
     }
-    host.stop();
+    return succeeded;
+}
 
-    // Memory per pending login, measured on the engine directly.
+// Memory per pending login, measured on the engine directly: prints it for `pending` logins
+// and returns how many were stored.
+size_t measurePending(int pending) {
     SsoServer server;
     auto *config = new SsoServerConfigOAuth();
     config->configId = 0;
@@ -143,6 +145,23 @@ int main(int argc, char **argv) {
         "pending logins: %zu stored of %d asked, heap grew %.1f MiB, %.0f bytes per "
         "pending login\n",
         stored, pending, grown / 1048576.0, stored > 0 ? grown / stored : 0.0);
+    return stored;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    int commands = argc > 1 ? std::atoi(argv[1]) : 100000;
+    int pending = argc > 2 ? std::atoi(argv[2]) : 100000;
+    SsoSetLogCallback(discard, nullptr);
+    FailureServer idp;
+    WorkerHost host;
+    if (!startHost(idp, host)) {
+        return 1;
+    }
+    int succeeded = measureThroughput(host, commands);
+    host.stop();
+    size_t stored = measurePending(pending);
     TestMachine::reset();
     SsoSetLogCallback(nullptr, nullptr);
     return succeeded == commands && stored == static_cast<size_t>(pending) ? 0 : 1;

@@ -8,7 +8,6 @@
  * tokens in the clear, so the file is made readable by its owner alone. With --node-service,
  * the page "/node" lets a signed-in user be confirmed by the node-role service at URL
  * (qxss-node-service), which shares the secret in FILE with this application. */
-#include "channel.h"
 #include "node.h"
 #include "process.h"
 #include "store.h"
@@ -122,33 +121,27 @@ int main(int argc, char **argv) {
     if (settings.trustedProxy) {
         settings.maxPerAddress = 0;
     }
-    if (logPath && processLogStart(logPath, "qxss-webapp") != 0) {
-        return 1;
-    }
     if (storeStart(maxPending, pendingLifetime) != 0) {
         fprintf(stderr, "qxss-webapp: out of memory\n");
         return 1;
     }
-
     sigset_t stop;
-    processBlockStopSignals(&stop);
-
-    int status = 1;
-    if (channelStart() != 0) {
-        goto closeLog;
+    char *loaded;
+    if (processStartLibrary(logPath, "qxss-webapp", &stop, &loaded) != 0) {
+        storeStop();
+        return 1;
     }
-    /* Loading fetches every provider's metadata, which may take a while. */
-    char *loaded = channelRequest("SSO_LOAD_CONFIGS", "", 60000);
+    int status = 1;
     if (loaded == NULL || strcmp(loaded, "SSO_LOAD_CONFIGS_OK") != 0) {
         fprintf(stderr, "qxss-webapp: the library did not load its configuration: %s\n",
                 loaded ? loaded : "no answer");
         free(loaded);
-        goto stopChannel;
+        goto stopLibrary;
     }
     free(loaded);
     int port = webStart(&settings);
     if (port < 0) {
-        goto stopChannel;
+        goto stopLibrary;
     }
     printf("qxss-webapp: listening on %s://%s:%d/\n", settings.certificateFile ? "https" : "http",
            settings.address, port);
@@ -160,10 +153,8 @@ int main(int argc, char **argv) {
     sigwait(&stop, &signal);
     webStop();
     status = 0;
-stopChannel:
-    channelStop();
-closeLog:
+stopLibrary:
+    processStopLibrary();
     storeStop();
-    processLogStop();
     return status;
 }

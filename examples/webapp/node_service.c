@@ -203,31 +203,27 @@ int main(int argc, char **argv) {
     if (secretRead(secretPath, secret) != 0) {
         return 1;
     }
-    if (logPath && processLogStart(logPath, "qxss-node-service") != 0) {
+    sigset_t stop;
+    char *loaded;
+    if (processStartLibrary(logPath, "qxss-node-service", &stop, &loaded) != 0) {
         return 1;
     }
-    sigset_t stop;
-    processBlockStopSignals(&stop);
-
     int status = 1;
-    if (channelStart() != 0) {
-        goto closeLog;
-    }
     /* A node loads nothing and says so with the success line; a machine with an sso.cfg would
      * load it and offer sign-in options, which tells that it is a server, not a node. */
-    char *loaded = channelRequest("SSO_LOAD_CONFIGS", "", 60000);
     char *options = SsoGetUserLoginOptions();
     int node = loaded != NULL && strcmp(loaded, "SSO_LOAD_CONFIGS_OK") == 0 && options == NULL;
     free(loaded);
     SsoFreeString(options);
     if (!node) {
-        fprintf(stderr, "qxss-node-service: the library does not run as a node here: its "
-                        "configuration directory must exist and hold no sso.cfg\n");
-        goto stopChannel;
+        fprintf(stderr,
+                "qxss-node-service: the library does not run as a node here: its "
+                "configuration directory must exist and hold no sso.cfg\n");
+        goto stopLibrary;
     }
     struct MHD_Daemon *server = startServer(address, port);
     if (server == NULL) {
-        goto stopChannel;
+        goto stopLibrary;
     }
     union MHD_DaemonInfo const *info = MHD_get_daemon_info(server, MHD_DAEMON_INFO_BIND_PORT);
     printf("qxss-node-service: listening on http://%s:%d/\n", address, info ? info->port : port);
@@ -236,9 +232,7 @@ int main(int argc, char **argv) {
     sigwait(&stop, &signal);
     MHD_stop_daemon(server);
     status = 0;
-stopChannel:
-    channelStop();
-closeLog:
-    processLogStop();
+stopLibrary:
+    processStopLibrary();
     return status;
 }

@@ -1,5 +1,7 @@
+/* The start and stop of the library shared by both programs, and their private log file. */
 #include "process.h"
 
+#include "channel.h"
 #include "worker/libqxss.h"
 
 #include <fcntl.h>
@@ -51,8 +53,7 @@ static void toLogFile(char const *text, void *context) {
 static FILE *openLog(char const *path) {
     int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600);
     struct stat status;
-    if (fd < 0 || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
-        fchmod(fd, 0600) != 0) {
+    if (fd < 0 || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || fchmod(fd, 0600) != 0) {
         perror(path);
         if (fd >= 0) {
             close(fd);
@@ -90,4 +91,23 @@ void processBlockStopSignals(sigset_t *stop) {
     sigaddset(stop, SIGINT);
     sigaddset(stop, SIGTERM);
     pthread_sigmask(SIG_BLOCK, stop, NULL);
+}
+
+int processStartLibrary(char const *logPath, char const *program, sigset_t *stop, char **loaded) {
+    if (logPath && processLogStart(logPath, program) != 0) {
+        return -1;
+    }
+    processBlockStopSignals(stop);
+    if (channelStart() != 0) {
+        processLogStop();
+        return -1;
+    }
+    /* Loading fetches every provider's metadata, which may take a while. */
+    *loaded = channelRequest("SSO_LOAD_CONFIGS", "", 60000);
+    return 0;
+}
+
+void processStopLibrary(void) {
+    channelStop();
+    processLogStop();
 }

@@ -1,52 +1,92 @@
+// The command line of qxss-check: its parsing and the text of --help.
 #include "tools/qxss-check/CheckOptions.h"
 
 // The first configuration directory the library looks in, and the file name it reads there.
 char const kProductionConfigFile[] = "/usr/QX/etc/sso.cfg";
 
+namespace {
+
+// What the command line said beyond the options themselves, for the checks of the whole.
+struct Given {
+    std::vector<std::string> files;
+    bool road = false;
+    bool timeout = false;
+};
+
+// Takes `value` for --login, --road or --timeout into `options`. The reason when it is not one
+// that the option takes; empty when it was taken.
+std::string takeValue(std::string const &option, std::string const &value, CheckOptions &options,
+                      Given &given) {
+    bool digits = !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+    if (option == "--timeout") {
+        if (!digits || value.size() > 4 || std::stoi(value) < 1) {
+            return "--timeout takes seconds (1 to 9999), not '" + value + "'";
+        }
+        options.timeoutSeconds = std::stoi(value);
+        given.timeout = true;
+    } else if (option == "--road") {
+        if (value != "flow" && value != "blocking") {
+            return "--road takes 'flow' or 'blocking', not '" + value + "'";
+        }
+        options.blockingRoad = value == "blocking";
+        given.road = true;
+    } else {
+        if (!digits) {
+            return "--login takes a login option ID (digits), not '" + value + "'";
+        }
+        options.loginId = value;
+        options.action = CheckOptions::Action::Login;
+    }
+    return "";
+}
+
+// What is wrong with the command line as a whole: options that do not go together, or other
+// than one file; empty when nothing is.
+std::string wholeLineError(CheckOptions const &options, Given const &given) {
+    if (options.action == CheckOptions::Action::Login && (options.offline || options.json)) {
+        return std::string(options.offline ? "--offline" : "--json") + " does not go with --login";
+    }
+    if (options.action != CheckOptions::Action::Login &&
+        (given.road || given.timeout || options.showSecrets)) {
+        return std::string(given.road      ? "--road"
+                           : given.timeout ? "--timeout"
+                                           : "--show-secrets") +
+               " goes with --login only";
+    }
+    if (given.files.size() > 1) {
+        return "one configuration file at a time";
+    }
+    if (!given.files.empty() && given.files[0].empty()) {
+        return "the file name is empty";
+    }
+    return "";
+}
+
+CheckOptions refuse(CheckOptions options, std::string const &why) {
+    options.action = CheckOptions::Action::UsageError;
+    options.error = why;
+    return options;
+}
+
+}  // namespace
+
 CheckOptions parseCheckOptions(std::vector<std::string> const &arguments) {
     CheckOptions options;
-    std::vector<std::string> files;
+    Given given;
     bool optionsEnded = false;
-    bool roadGiven = false;
-    bool timeoutGiven = false;
-    auto refuse = [&options](std::string const &why) {
-        options.action = CheckOptions::Action::UsageError;
-        options.error = why;
-        return options;
-    };
     for (size_t at = 0; at < arguments.size(); ++at) {
         std::string const &argument = arguments[at];
         if (!optionsEnded &&
             (argument == "--login" || argument == "--road" || argument == "--timeout")) {
             if (at + 1 >= arguments.size()) {
-                return refuse("option '" + argument + "' needs a value");
+                return refuse(options, "option '" + argument + "' needs a value");
             }
-            std::string const &value = arguments[++at];
-            bool digits =
-                !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
-            if (argument == "--timeout") {
-                if (!digits || value.size() > 4 || std::stoi(value) < 1) {
-                    return refuse("--timeout takes seconds (1 to 9999), not '" + value + "'");
-                }
-                options.timeoutSeconds = std::stoi(value);
-                timeoutGiven = true;
-            } else if (argument == "--road") {
-                if (value != "flow" && value != "blocking") {
-                    return refuse("--road takes 'flow' or 'blocking', not '" + value + "'");
-                }
-                options.blockingRoad = value == "blocking";
-                roadGiven = true;
-            } else {
-                if (!digits) {
-                    return refuse("--login takes a login option ID (digits), not '" + value + "'");
-                }
-                options.loginId = value;
-                options.action = CheckOptions::Action::Login;
+            std::string why = takeValue(argument, arguments[++at], options, given);
+            if (!why.empty()) {
+                return refuse(options, why);
             }
-            continue;
-        }
-        if (optionsEnded || argument.empty() || argument[0] != '-' || argument == "-") {
-            files.push_back(argument);
+        } else if (optionsEnded || argument.empty() || argument[0] != '-' || argument == "-") {
+            given.files.push_back(argument);
         } else if (argument == "--") {
             optionsEnded = true;
         } else if (argument == "--help" || argument == "-h") {
@@ -64,33 +104,14 @@ CheckOptions parseCheckOptions(std::vector<std::string> const &arguments) {
         } else if (argument == "--show-secrets") {
             options.showSecrets = true;
         } else {
-            options.action = CheckOptions::Action::UsageError;
-            options.error = "unknown option '" + argument + "'";
-            return options;
+            return refuse(options, "unknown option '" + argument + "'");
         }
     }
-    if (options.action == CheckOptions::Action::Login && (options.offline || options.json)) {
-        return refuse(std::string(options.offline ? "--offline" : "--json") +
-                      " does not go with --login");
+    std::string why = wholeLineError(options, given);
+    if (!why.empty()) {
+        return refuse(options, why);
     }
-    if (options.action != CheckOptions::Action::Login &&
-        (roadGiven || timeoutGiven || options.showSecrets)) {
-        return refuse(std::string(roadGiven      ? "--road"
-                                  : timeoutGiven ? "--timeout"
-                                                 : "--show-secrets") +
-                      " goes with --login only");
-    }
-    if (files.size() > 1) {
-        options.action = CheckOptions::Action::UsageError;
-        options.error = "one configuration file at a time";
-        return options;
-    }
-    if (!files.empty() && files[0].empty()) {
-        options.action = CheckOptions::Action::UsageError;
-        options.error = "the file name is empty";
-        return options;
-    }
-    options.file = files.empty() ? kProductionConfigFile : files[0];
+    options.file = given.files.empty() ? kProductionConfigFile : given.files[0];
     return options;
 }
 

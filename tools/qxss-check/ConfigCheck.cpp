@@ -178,8 +178,9 @@ std::string proxyHost(std::string const &proxy) {
                                                        : proxy.substr(start, colon - start);
 }
 
-void check(std::string const &given, bool offline, LogCollector &log, CheckReport &report) {
-    ConfigPlace place;
+// The file found and linked where the library can read it; false with the report's verdict
+// set when it cannot be.
+bool openPlace(ConfigPlace &place, std::string const &given, CheckReport &report) {
     std::string error;
     bool found = place.open(given, error);
     report.file = place.path;
@@ -189,17 +190,19 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
         report.verdict = place.found
                              ? "The file could not be prepared for the check."
                              : "The file cannot be read: the library would load nothing from it.";
-        return;
     }
+    return found;
+}
 
-    SsoServer server;
-    server.configPath = place.directory;
+// The machine type and both validation passes, as SSO_LOAD_CONFIGS runs them; false with the
+// verdict set when the library would go no further.
+bool validateFile(SsoServer &server, bool offline, LogCollector &log, CheckReport &report) {
     size_t mark = log.mark();
     bool typed = server.setMachineType();
     if (!typed || server.machineType != 0) {
         addProblems(report.problems, log.since(mark));
         report.verdict = "The library would not take this machine for a server with this file.";
-        return;
+        return false;
     }
     mark = log.mark();
     std::unique_ptr<NoResolver> noResolver(offline ? new NoResolver : nullptr);
@@ -208,9 +211,14 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
     addProblems(report.problems, log.since(mark));
     if (!loaded) {
         report.verdict = "The library would refuse this file: nothing of it would be loaded.";
-        return;
     }
+    return loaded;
+}
 
+// The file's entries with what the library made of each; the records in ID order, null where
+// the library made none.
+std::vector<SsoServerConfigOAuth *> collectEntries(SsoServer &server, LogCollector &log,
+                                                   CheckReport &report) {
     report.providers = entriesOf(server.configPath + "/" + kFileName, log);
     std::vector<SsoServerConfigOAuth *> records(report.providers.size(), nullptr);
     for (SsoServerConfig *config : server.configs) {
@@ -228,45 +236,47 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
                 "listed in the login options, but the library serves OAuth entries only");
         }
     }
+    return records;
+}
 
+size_t servedCount(CheckReport const &report) {
     size_t served = 0;
-    size_t discovered = 0;
     for (ProviderReport const &provider : report.providers) {
         served += provider.served ? 1 : 0;
     }
-    if (offline) {
-        for (ProviderReport &provider : report.providers) {
-            if (provider.served) {
-                provider.discovery = ProviderReport::Discovery::Skipped;
-            }
-            if (!provider.proxy.empty() &&
-                SocketValidateIp(proxyHost(provider.proxy).c_str()) != 1) {
-                provider.notes.push_back("proxy host '" + proxyHost(provider.proxy) +
-                                         "' was checked for form only: --offline looks up no "
-                                         "name");
-            }
-        }
-        report.loads = true;
-        report.verdict = "The file passes validation (" + std::to_string(served) +
-                         " OAuth provider(s)); discovery was not tried (--offline).";
-        return;
-    }
+    return served;
+}
 
-    CurlRequest &network = CurlRequest::getNetwork();
-    mark = log.mark();
-    if (!network.init(3)) {
-        addProblems(report.problems, log.since(mark));
-        report.verdict = "The transport could not start, so discovery could not be tried.";
-        return;
+// --offline ends after validation: no entry is discovered, and a proxy named by host was
+// judged by its form alone.
+void finishOffline(CheckReport &report) {
+    for (ProviderReport &provider : report.providers) {
+        if (provider.served) {
+            provider.discovery = ProviderReport::Discovery::Skipped;
+        }
+        if (!provider.proxy.empty() && SocketValidateIp(proxyHost(provider.proxy).c_str()) != 1) {
+            provider.notes.push_back("proxy host '" + proxyHost(provider.proxy) +
+                                     "' was checked for form only: --offline looks up no "
+                                     "name");
+        }
     }
-    // Every provider is tried, also after a failure: the library stops at the first one, but
-    // the admin wants to hear about all of them at once.
+    report.loads = true;
+    report.verdict = "The file passes validation (" + std::to_string(servedCount(report)) +
+                     " OAuth provider(s)); discovery was not tried (--offline).";
+}
+
+// Discovery for every record; the number that succeeded. Every provider is tried, also after a
+// failure: the library stops at the first one, but the admin wants to hear about all of them at
+// once.
+size_t discoverAll(SsoServer &server, std::vector<SsoServerConfigOAuth *> const &records,
+                   LogCollector &log, CheckReport &report) {
+    size_t discovered = 0;
     for (size_t id = 0; id < records.size(); ++id) {
         if (records[id] == nullptr) {
             continue;
         }
         ProviderReport &provider = report.providers[id];
-        mark = log.mark();
+        size_t mark = log.mark();
         bool ok = server.loadMetadata(records[id]);
         std::vector<std::string> statements = log.since(mark);
         provider.discoveryUrl = discoveryUrlIn(statements);
@@ -276,8 +286,12 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
         discovered += ok ? 1 : 0;
         copyEndpoints(*records[id], provider);
     }
+    return discovered;
+}
 
-    // The URL for each login option, through the same road as SSO_GET_CONFIG with that ID.
+// The URL for each login option, through the same road as SSO_GET_CONFIG with that ID.
+void buildAuthorizationUrls(SsoServer &server, std::vector<SsoServerConfigOAuth *> const &records,
+                            LogCollector &log, CheckReport &report) {
     for (ProviderReport &provider : report.providers) {
         if (!provider.served || provider.discovery != ProviderReport::Discovery::Succeeded) {
             continue;
@@ -299,12 +313,14 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
                 "entry are sent to that record's provider (put SAML entries after all OAuth "
                 "entries)");
         }
-        mark = log.mark();
+        size_t mark = log.mark();
         provider.authorizationUrl = authorizationUrlFor(server, provider.id);
         addProblems(provider.problems, log.since(mark));
     }
-    network.cleanUp();
+}
 
+void judgeDiscovery(size_t discovered, CheckReport &report) {
+    size_t served = servedCount(report);
     report.loads = discovered == served;
     if (report.loads) {
         report.verdict = "The library would load this file: " + std::to_string(served) +
@@ -314,6 +330,34 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
                          std::to_string(served - discovered) + " of " + std::to_string(served) +
                          " provider(s).";
     }
+}
+
+void check(std::string const &given, bool offline, LogCollector &log, CheckReport &report) {
+    ConfigPlace place;
+    if (!openPlace(place, given, report)) {
+        return;
+    }
+    SsoServer server;
+    server.configPath = place.directory;
+    if (!validateFile(server, offline, log, report)) {
+        return;
+    }
+    std::vector<SsoServerConfigOAuth *> records = collectEntries(server, log, report);
+    if (offline) {
+        finishOffline(report);
+        return;
+    }
+    CurlRequest &network = CurlRequest::getNetwork();
+    size_t mark = log.mark();
+    if (!network.init(3)) {
+        addProblems(report.problems, log.since(mark));
+        report.verdict = "The transport could not start, so discovery could not be tried.";
+        return;
+    }
+    size_t discovered = discoverAll(server, records, log, report);
+    buildAuthorizationUrls(server, records, log, report);
+    network.cleanUp();
+    judgeDiscovery(discovered, report);
 }
 
 }  // namespace

@@ -279,24 +279,11 @@ std::string withoutLineEnd(std::string text) {
     return text;
 }
 
-}  // namespace
-
-int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std::FILE *out) {
-    LoginReport report(out, options.showSecrets);
-    ConfigPlace place;
-    std::string error;
-    bool opened = place.open(options.file, error);
-    report.line("Configuration file: " + place.path);
-    for (std::string const &warning : fileWarnings(place.path)) {
-        report.line("warning: " + warning);
-    }
-    if (!opened) {
-        return report.fail(error);
-    }
-
-    // The start of SsoInitialize and then SSO_LOAD_CONFIGS, with the admin's file.
+// The start of SsoInitialize and then SSO_LOAD_CONFIGS, with the admin's file; false (the
+// failure reported) when the library would not load it.
+bool loadConfiguration(std::string const &directory, LogCollector &log, LoginReport &report) {
     SsoServer &server = SsoServer::getServer();
-    server.configPath = place.directory;
+    server.configPath = directory;
     size_t mark = log.mark();
     server.setMachineType();
     CurlRequest::getNetwork().init(3);
@@ -312,45 +299,60 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
     if (loaded != 0) {
         report.blank();
         printProblems(report, log.since(mark));
-        return report.fail(loaded == -2 ? "discovery failed (SSO_LOAD_METADATA_FAILURE)"
-                                        : "the library would not load this file "
-                                          "(SSO_LOAD_CONFIGS_FAILURE)");
+        report.fail(loaded == -2 ? "discovery failed (SSO_LOAD_METADATA_FAILURE)"
+                                 : "the library would not load this file "
+                                   "(SSO_LOAD_CONFIGS_FAILURE)");
+        return false;
     }
+    return true;
+}
 
-    // SSO_GET_CONFIG for the entry, as a host asks for it.
-    std::unique_ptr<char[]> sessionText(SsoActions::getUserSession());
-    std::string session = sessionText ? sessionText.get() : "";
-    mark = log.mark();
-    std::unique_ptr<char[]> configReply(
-        SsoCommands::execute({"SSO_GET_CONFIG", options.loginId, session}));
+char const kConfigOk[] = "SSO_GET_CONFIG_OK|";
+
+// SSO_GET_CONFIG for the entry, as a host asks for it: the record that answered, with the
+// reply's client configuration in `clientConfig`; null (the failure reported) when none did.
+SsoServerConfigOAuth const *askClientConfig(std::string const &loginId, std::string const &session,
+                                            LogCollector &log, LoginReport &report,
+                                            std::string &clientConfig) {
+    size_t mark = log.mark();
+    std::unique_ptr<char[]> configReply(SsoCommands::execute({"SSO_GET_CONFIG", loginId, session}));
     std::string reply = configReply ? withoutLineEnd(configReply.get()) : "";
-    static std::string const configOk = "SSO_GET_CONFIG_OK|";
+    std::string const configOk = kConfigOk;
     if (reply.compare(0, configOk.size(), configOk) != 0) {
         report.blank();
         printProblems(report, log.since(mark));
-        return report.fail("no OAuth record answers to the login option ID " + options.loginId +
-                           " (" + (reply.empty() ? "no reply" : reply.substr(0, reply.find('|'))) +
-                           ")");
+        report.fail("no OAuth record answers to the login option ID " + loginId + " (" +
+                    (reply.empty() ? "no reply" : reply.substr(0, reply.find('|'))) + ")");
+        return nullptr;
     }
-    size_t index = std::strtoul(options.loginId.c_str(), nullptr, 10);
-    auto const *record = static_cast<SsoServerConfigOAuth const *>(server.configs[index]);
+    clientConfig = reply.substr(configOk.size());
+    size_t index = std::strtoul(loginId.c_str(), nullptr, 10);
+    auto const *record =
+        static_cast<SsoServerConfigOAuth const *>(SsoServer::getServer().configs[index]);
     ProviderReport entry;
     describeRecord(*record, entry);
     entry.discovery = ProviderReport::Discovery::Succeeded;
     report.blank();
-    report.line("Login option ID " + options.loginId + ": provider '" + record->provider +
+    report.line("Login option ID " + loginId + ": provider '" + record->provider +
                 "', record of ID " + std::to_string(record->configId) + ", qx_refresh " +
                 (record->refresh ? "on" : "off"));
     for (std::string const &warning : entryWarnings(entry)) {
         report.line("warning: " + warning);
     }
+    return record;
+}
 
-    std::string state = getRandomAsciiString(32);
+// The authorization URL for a fresh `state`, shown to the admin; false (the failure reported)
+// when the client side could not build it. `mark` is where the statements of this login began.
+bool showAuthorizationUrl(std::string const &clientConfig, std::string const &session,
+                          std::string &state, size_t mark, LogCollector &log, LoginReport &report) {
+    state = getRandomAsciiString(32);
     std::string nonce = getRandomAsciiString(32);
-    std::string url = authorizationUrlFrom(reply.substr(configOk.size()), session, state, nonce);
+    std::string url = authorizationUrlFrom(clientConfig, session, state, nonce);
     if (url.empty()) {
         printProblems(report, log.since(mark));
-        return report.fail("the client side could not build the authorization URL");
+        report.fail("the client side could not build the authorization URL");
+        return false;
     }
     report.blank();
     report.line("Open this address in a browser and sign in:");
@@ -358,7 +360,12 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
     report.line("  " + url);
     report.blank();
     report.line("Then paste the address the browser was sent back to (or the code alone):");
+    return true;
+}
 
+// The code the admin pasted, its state checked against the one this login sent; empty (the
+// failure reported) when there is none to verify.
+std::string readCode(std::FILE *in, std::string const &state, LoginReport &report) {
     std::string pasted;
     char buffer[8192];
     bool gotLine = false;
@@ -370,120 +377,143 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
         }
     }
     if (!gotLine) {
-        return report.fail("nothing was pasted (end of input)");
+        report.fail("nothing was pasted (end of input)");
+        return "";
     }
     Callback callback = readCallback(pasted);
     if (!callback.error.empty()) {
-        return report.fail("the provider sent the error '" + callback.error + "'" +
-                           (callback.errorDescription.empty()
-                                ? std::string()
-                                : " ('" + callback.errorDescription + "')"));
+        report.fail("the provider sent the error '" + callback.error + "'" +
+                    (callback.errorDescription.empty() ? std::string()
+                                                       : " ('" + callback.errorDescription + "')"));
+        return "";
     }
     if (!callback.hasCode || callback.code.empty()) {
-        return report.fail(callback.address ? "the pasted address has no code"
-                                            : "nothing was pasted (end of input)");
+        report.fail(callback.address ? "the pasted address has no code"
+                                     : "nothing was pasted (end of input)");
+        return "";
     }
     if (callback.address) {
         if (!callback.hasState) {
-            return report.fail("the pasted address has no state");
+            report.fail("the pasted address has no state");
+            return "";
         }
         if (callback.state != state) {
-            return report.fail("the state of the pasted address is not the one this login sent");
+            report.fail("the state of the pasted address is not the one this login sent");
+            return "";
         }
         report.line("state: the one this login sent");
     } else {
         report.line("state: not checked (the code was given alone)");
     }
+    return callback.code;
+}
 
-    // SSO_VERIFY with the code, on the road asked for.
-    mark = log.mark();
-    calls = ProviderCalls::all().size();
-    std::string verifyReply;
+// What SSO_VERIFY came to: its reply line (without its end; empty when none came), the
+// library's statements and the provider calls made meanwhile.
+struct Verification {
+    std::string reply;
+    std::vector<std::string> statements;
+    std::vector<ProviderCall> made;
+};
+
+// SSO_VERIFY with the code, on the road asked for, and the provider calls it made.
+Verification verify(CheckOptions const &options, std::string const &code,
+                    std::string const &session, SsoServerConfigOAuth const &record,
+                    LogCollector &log, LoginReport &report) {
+    Verification verification;
+    size_t mark = log.mark();
+    size_t calls = ProviderCalls::all().size();
     bool fellBack = false;
     if (options.blockingRoad) {
-        std::unique_ptr<char[]> token(
-            SsoActions::verifyLogin(callback.code.c_str(), session.c_str()));
-        verifyReply = token ? "SSO_VERIFY_OK|" + std::string(token.get()) + "|" + session
-                            : "SSO_VERIFY_FAILURE|" + session;
+        std::unique_ptr<char[]> token(SsoActions::verifyLogin(code.c_str(), session.c_str()));
+        verification.reply = token ? "SSO_VERIFY_OK|" + std::string(token.get()) + "|" + session
+                                   : "SSO_VERIFY_FAILURE|" + session;
     } else {
-        std::unique_ptr<char[]> at(SsoCommands::execute({"SSO_VERIFY", callback.code, session}));
+        std::unique_ptr<char[]> at(SsoCommands::execute({"SSO_VERIFY", code, session}));
         fellBack = at != nullptr;
-        verifyReply =
+        verification.reply =
             withoutLineEnd(at ? std::string(at.get()) : awaitReply(options.timeoutSeconds));
     }
-    std::vector<std::string> statements = log.since(mark);
-    std::vector<ProviderCall> made = ProviderCalls::since(calls);
+    verification.statements = log.since(mark);
+    verification.made = ProviderCalls::since(calls);
     report.blank();
     report.line(std::string("SSO_VERIFY on the ") +
                 (options.blockingRoad ? "blocking road"
                  : fellBack           ? "blocking road (the flow could not start)"
                                       : "background flow") +
                 ":");
-    printCalls(report, made, record);
+    printCalls(report, verification.made, &record);
+    return verification;
+}
 
-    ProviderCall const *userinfo = lastCall(made, "userinfo", *record);
+// The claims of the last userinfo answer and how the user name was chosen from them.
+void printClaims(std::vector<ProviderCall> const &made, SsoServerConfigOAuth const &record,
+                 LoginReport &report) {
+    ProviderCall const *userinfo = lastCall(made, "userinfo", record);
     Json::Value claims;
-    if (userinfo && parseJson(userinfo->body, claims)) {
-        report.blank();
-        report.line("Userinfo claims:");
-        for (std::string const &name : claims.getMemberNames()) {
-            report.line(
-                "  " + name + ": " +
-                (claims[name].isString() ? claims[name].asString() : compactJson(claims[name])));
-        }
-        report.blank();
-        report.line("User name:");
-        explainUserName(report, *record, claims);
+    if (!userinfo || !parseJson(userinfo->body, claims)) {
+        return;
     }
-
-    std::string okWord = "SSO_VERIFY_OK|";
-    std::string sessionEnd = "|" + session;
-    bool ok = verifyReply.compare(0, okWord.size(), okWord) == 0 &&
-              verifyReply.size() > okWord.size() + sessionEnd.size() &&
-              verifyReply.compare(verifyReply.size() - sessionEnd.size(), sessionEnd.size(),
-                                  sessionEnd) == 0;
-    if (!ok) {
-        // The library had the user's name before the step that failed, when it got that far.
-        static std::string const finalUser = "SsoServer: Final user is: '";
-        for (std::string const &statement : statements) {
-            if (statement.compare(0, finalUser.size(), finalUser) == 0) {
-                std::string name = statement.substr(finalUser.size());
-                report.line("  local user name: '" + name.substr(0, name.rfind("'.")) +
-                            "' (the login failed after it)");
-            }
-        }
-        report.blank();
-        printProblems(report, statements);
-        ProviderCall const *token = lastCall(made, "token", *record);
-        ProviderCall const *revocation = lastCall(made, "revocation", *record);
-        Json::Value tokens;
-        if (revocation && revocation->error.empty() && revocation->status >= 200 &&
-            revocation->status <= 299 && revocation->body.empty()) {
-            report.line("hint: the provider answered the revocation with an empty " +
-                        std::to_string(revocation->status) +
-                        ", which the library counts as a failed revocation; set \"qx_refresh\": "
-                        "true for this entry");
-        } else if (token && token->status >= 200 && token->status <= 299 &&
-                   parseJson(token->body, tokens) && textMember(tokens, "access_token") != "" &&
-                   textMember(tokens, "refresh_token").empty()) {
-            report.line(record->provider == "google"
-                            ? "hint: the token answer has no refresh token: google sends one only "
-                              "when the user consents; set \"qx_prompt_type\": \"consent\" for "
-                              "this entry"
-                            : "hint: the token answer has no refresh token, and the library fails "
-                              "a login without one: the provider must issue one to this client");
-        }
-        if (verifyReply.empty()) {
-            return report.fail("SSO_VERIFY got no reply within " +
-                               std::to_string(options.timeoutSeconds) + " s");
-        }
-        return report.fail("SSO_VERIFY was answered " +
-                           verifyReply.substr(0, verifyReply.find('|')));
+    report.blank();
+    report.line("Userinfo claims:");
+    for (std::string const &name : claims.getMemberNames()) {
+        report.line(
+            "  " + name + ": " +
+            (claims[name].isString() ? claims[name].asString() : compactJson(claims[name])));
     }
+    report.blank();
+    report.line("User name:");
+    explainUserName(report, record, claims);
+}
 
-    // "<user>|<session value>|<expiry>": the user name may hold "|", so from the right.
-    std::string token =
-        verifyReply.substr(okWord.size(), verifyReply.size() - okWord.size() - sessionEnd.size());
+// A failed SSO_VERIFY: how far the library got, what it logged, and a hint where the provider's
+// answers show a known cause. Returns the exit status.
+int reportFailure(Verification const &verification, SsoServerConfigOAuth const &record,
+                  int timeoutSeconds, LoginReport &report) {
+    // The library had the user's name before the step that failed, when it got that far.
+    static std::string const finalUser = "SsoServer: Final user is: '";
+    for (std::string const &statement : verification.statements) {
+        if (statement.compare(0, finalUser.size(), finalUser) == 0) {
+            std::string name = statement.substr(finalUser.size());
+            report.line("  local user name: '" + name.substr(0, name.rfind("'.")) +
+                        "' (the login failed after it)");
+        }
+    }
+    report.blank();
+    printProblems(report, verification.statements);
+    ProviderCall const *token = lastCall(verification.made, "token", record);
+    ProviderCall const *revocation = lastCall(verification.made, "revocation", record);
+    Json::Value tokens;
+    if (revocation && revocation->error.empty() && revocation->status >= 200 &&
+        revocation->status <= 299 && revocation->body.empty()) {
+        report.line("hint: the provider answered the revocation with an empty " +
+                    std::to_string(revocation->status) +
+                    ", which the library counts as a failed revocation; set \"qx_refresh\": "
+                    "true for this entry");
+    } else if (token && token->status >= 200 && token->status <= 299 &&
+               parseJson(token->body, tokens) && textMember(tokens, "access_token") != "" &&
+               textMember(tokens, "refresh_token").empty()) {
+        report.line(record.provider == "google"
+                        ? "hint: the token answer has no refresh token: google sends one only "
+                          "when the user consents; set \"qx_prompt_type\": \"consent\" for "
+                          "this entry"
+                        : "hint: the token answer has no refresh token, and the library fails "
+                          "a login without one: the provider must issue one to this client");
+    }
+    std::string const &reply = verification.reply;
+    if (reply.empty()) {
+        return report.fail("SSO_VERIFY got no reply within " + std::to_string(timeoutSeconds) +
+                           " s");
+    }
+    return report.fail("SSO_VERIFY was answered " + reply.substr(0, reply.find('|')));
+}
+
+// A successful SSO_VERIFY: the user token `token` ("<user>|<session value>|<expiry>"), what
+// became of the refresh token, and the reply. Returns the exit status.
+int reportSuccess(std::string const &token, std::string const &session,
+                  Verification const &verification, SsoServerConfigOAuth const &record,
+                  LoginReport &report) {
+    // The user name may hold "|", so from the right.
     size_t expiryBar = token.rfind('|');
     size_t valueBar = expiryBar == std::string::npos || expiryBar == 0
                           ? std::string::npos
@@ -497,19 +527,19 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
     report.line("  local user name: '" + user + "'");
 
     report.blank();
-    if (record->refresh) {
-        bool kept = server.refreshInfoBySession.count(value) != 0;
-        int64_t lifetime = record->refreshLifetime == 0 ? 3600 : record->refreshLifetime;
+    if (record.refresh) {
+        bool kept = SsoServer::getServer().refreshInfoBySession.count(value) != 0;
+        int64_t lifetime = record.refreshLifetime == 0 ? 3600 : record.refreshLifetime;
         report.line(kept ? "Refresh: the library keeps a refresh record under the session value; "
                            "SSO_REFRESH with it works for " +
                                std::to_string(lifetime) + " s"
                          : "Refresh: no refresh record was kept");
-    } else if (record->provider == "microsoft") {
+    } else if (record.provider == "microsoft") {
         report.line(
             "Revocation: none: the library does not revoke at microsoft; the refresh "
             "token stays valid at the provider until it expires there");
     } else {
-        ProviderCall const *revocation = lastCall(made, "revocation", *record);
+        ProviderCall const *revocation = lastCall(verification.made, "revocation", record);
         report.line(revocation ? "Revocation: the refresh token was revoked at the provider (" +
                                      std::to_string(revocation->status) + ")"
                                : "Revocation: no revocation request was seen");
@@ -520,4 +550,54 @@ int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std:
     report.blank();
     report.line("Result: Logged in: a host's SSO_VERIFY gets the user '" + user + "'.");
     return 0;
+}
+
+}  // namespace
+
+int runLogin(CheckOptions const &options, LogCollector &log, std::FILE *in, std::FILE *out) {
+    LoginReport report(out, options.showSecrets);
+    ConfigPlace place;
+    std::string error;
+    bool opened = place.open(options.file, error);
+    report.line("Configuration file: " + place.path);
+    for (std::string const &warning : fileWarnings(place.path)) {
+        report.line("warning: " + warning);
+    }
+    if (!opened) {
+        return report.fail(error);
+    }
+    if (!loadConfiguration(place.directory, log, report)) {
+        return 1;
+    }
+
+    std::unique_ptr<char[]> sessionText(SsoActions::getUserSession());
+    std::string session = sessionText ? sessionText.get() : "";
+    size_t mark = log.mark();
+    std::string clientConfig;
+    SsoServerConfigOAuth const *record =
+        askClientConfig(options.loginId, session, log, report, clientConfig);
+    std::string state;
+    if (record == nullptr ||
+        !showAuthorizationUrl(clientConfig, session, state, mark, log, report)) {
+        return 1;
+    }
+    std::string code = readCode(in, state, report);
+    if (code.empty()) {
+        return 1;
+    }
+
+    Verification verification = verify(options, code, session, *record, log, report);
+    printClaims(verification.made, *record, report);
+    std::string const &reply = verification.reply;
+    std::string okWord = "SSO_VERIFY_OK|";
+    std::string sessionEnd = "|" + session;
+    bool ok = reply.compare(0, okWord.size(), okWord) == 0 &&
+              reply.size() > okWord.size() + sessionEnd.size() &&
+              reply.compare(reply.size() - sessionEnd.size(), sessionEnd.size(), sessionEnd) == 0;
+    if (!ok) {
+        return reportFailure(verification, *record, options.timeoutSeconds, report);
+    }
+    std::string token =
+        reply.substr(okWord.size(), reply.size() - okWord.size() - sessionEnd.size());
+    return reportSuccess(token, session, verification, *record, report);
 }

@@ -11,34 +11,15 @@
 // Exit 0: passed, 1: failed, 77: no Chromium, puppeteer-core or HAProxy here (skipped).
 import { spawn } from 'node:child_process';
 import { existsSync, mkdirSync, readFileSync, rmSync } from 'node:fs';
-import { createRequire } from 'node:module';
 import net from 'node:net';
 import path from 'node:path';
-import { fileURLToPath } from 'node:url';
+import {
+  check, chromium, loadPuppeteer, run, screenshots, skip, text,
+} from '../browserTest.mjs';
 
-const here = path.dirname(fileURLToPath(import.meta.url));
-const serversDir = path.resolve(here, '../../servers');
-const chromium = '/usr/bin/chromium';
 const [clusterScript, webappProgram, nodeProgram, shotsDir] = process.argv.slice(2);
 
-function skip(why) {
-  console.log(`SKIPPED: ${why}`);
-  process.exit(77);
-}
-
-// `detail` (for instance the page's text) is shown only when the check fails.
-function check(condition, what, detail = '') {
-  if (!condition) throw new Error(`check failed: ${what}${detail ? `\n${detail}` : ''}`);
-  console.log(`ok - ${what}`);
-}
-
-let puppeteer;
-try {
-  puppeteer = createRequire(path.join(serversDir, 'package.json'))('puppeteer-core');
-} catch {
-  skip('puppeteer-core is not installed in tests/servers (scripts/install-test-deps.sh)');
-}
-if (!existsSync(chromium)) skip(`no ${chromium} (Debian package chromium)`);
+const puppeteer = loadPuppeteer();
 const haproxyHere = (process.env.PATH || '').split(':').concat(['/usr/sbin'])
   .some((dir) => existsSync(path.join(dir, 'haproxy')));
 if (!haproxyHere) skip('HAProxy is not installed (Debian package haproxy; scripts/install-deps.sh installs it)');
@@ -111,16 +92,7 @@ function printedMatch(pattern) {
   return line.match(pattern);
 }
 
-let shot = 0;
-async function screenshot(page, name) {
-  shot += 1;
-  const file = path.join(shotsDir, `${String(shot).padStart(2, '0')}-${name}.png`);
-  await page.screenshot({ path: file, fullPage: true });
-}
-
-async function text(page) {
-  return page.evaluate(() => document.body.innerText);
-}
+const screenshot = screenshots(shotsDir);
 
 // From the sign-in page to the provider's form.
 async function startSignIn(page) {
@@ -373,10 +345,4 @@ process.on('exit', () => {
     }
   }
 });
-main().then(
-  () => process.exit(0),
-  (error) => {
-    console.error(error);
-    process.exit(1);
-  },
-);
+run(main);

@@ -25,37 +25,18 @@ import {
 } from 'node:fs';
 import http from 'node:http';
 import https from 'node:https';
-import { createRequire } from 'node:module';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
-import { fileURLToPath } from 'node:url';
+import {
+  check, chromium, loadPuppeteer, run, screenshots, serversDir, text,
+} from '../browserTest.mjs';
 
-const here = path.dirname(fileURLToPath(import.meta.url));
-const serversDir = path.resolve(here, '../../servers');
-const chromium = '/usr/bin/chromium';
 const [program, shotsDir] = process.argv.slice(2);
 const children = [];
 const temporary = [];
 
-function skip(why) {
-  console.log(`SKIPPED: ${why}`);
-  process.exit(77);
-}
-
-// `detail` (say, the page's text) is shown only when the check fails.
-function check(condition, what, detail = '') {
-  if (!condition) throw new Error(`check failed: ${what}${detail ? `\n--- ${detail}` : ''}`);
-  console.log(`ok - ${what}`);
-}
-
-let puppeteer;
-try {
-  puppeteer = createRequire(path.join(serversDir, 'package.json'))('puppeteer-core');
-} catch {
-  skip('puppeteer-core is not installed in tests/servers (scripts/install-test-deps.sh)');
-}
-if (!existsSync(chromium)) skip(`no ${chromium} (Debian package chromium)`);
+const puppeteer = loadPuppeteer();
 
 function temporaryDir(name) {
   const dir = mkdtempSync(path.join(os.tmpdir(), `qxss-webapp-${name}-`));
@@ -162,12 +143,7 @@ function request(url, { method = 'GET', headers = {}, body, localAddress, ca } =
   });
 }
 
-let shot = 0;
-async function screenshot(page, name) {
-  shot += 1;
-  const file = path.join(shotsDir, `${String(shot).padStart(2, '0')}-${name}.png`);
-  await page.screenshot({ path: file, fullPage: true });
-}
+const screenshot = screenshots(shotsDir);
 
 // A page for an answer that the browser did not load itself (a request from another address).
 async function screenshotOf(browser, answer, name) {
@@ -216,10 +192,6 @@ async function heldCallback(page, app, user) {
   await page.setRequestInterception(false);
   const loginCookie = (await page.cookies(`${app}/cb`)).find((c) => c.name === 'qxss_login');
   return { url: held, loginCookie };
-}
-
-async function text(page) {
-  return page.evaluate(() => document.body.innerText);
 }
 
 async function cookieNamed(page, url, name) {
@@ -723,10 +695,4 @@ process.on('exit', () => {
   children.forEach((child) => child.kill());
   temporary.forEach((dir) => rmSync(dir, { recursive: true, force: true }));
 });
-main().then(
-  () => process.exit(0),
-  (error) => {
-    console.error(error);
-    process.exit(1);
-  },
-);
+run(main);
