@@ -193,4 +193,31 @@ private:
     static SsoServerConfigOAuth const *flowConfig(AsyncFlowContext const &context);
     // Gives back the handle of a transfer whose start failed, counting the attempt.
     void startFailed(curlRequest *request);
+    // Gives a queued transfer a pooled handle, sets it up and adds it to the multi handle.
+    void startTransfer(curlRequest *request);
+    // Counts a start without a handle; the last attempt fails the transfer's flow.
+    void noHandlerFor(curlRequest *request);
+    // Applies the transfer's options, URL, headers, body and proxy to its handle; false
+    // (logged) at the first that fails.
+    bool setUpTransfer(curlRequest *request);
+    // Gives the transfer its response buffer and puts it on the multi handle; false (logged)
+    // when libcurl refuses it.
+    bool addTransfer(curlRequest *request);
+    // Frees the header list built for the transfer so far.
+    static void dropHeaderList(curlRequest *request);
+    // Takes one finished transfer off the multi handle and hands its answer to its flow.
+    void finishTransfer(CURL *handle, CURLcode result);
+    // Runs the flow step of a finished transfer's flow, if the flow still runs, and forgets
+    // the transfer's session.
+    void routeAnswer(int32_t requestId, std::string const &body, int32_t status, CURLcode result);
+    // The running flow that queued transfer `requestId`, or null.
+    AsyncFlowContext *flowOfRequest(int32_t requestId);
+    // The proxy of the discovery request, whose failing options do not stop it; false
+    // (logged) only when an HTTPS proxy's CA cannot be set.
+    bool setLenientProxy(void *easy, char const *proxy);
+    // The test seam of the engine's callbacks (see PlatformFakes::allocation).
+    static void callbackHook(char const *where);
+    // "CurlRequest: ERROR! <what> failed: '<message>'" for the exception being handled. Call
+    // inside a catch block only.
+    static void logFailure(char const *what);
 };

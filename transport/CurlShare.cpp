@@ -2,6 +2,8 @@
 
 #include "transport/CurlShare.h"
 
+#include "transport/CurlHandles.h"
+
 CurlShare &CurlShare::getShare() {
     static CurlShare &share = *new CurlShare;
     return share;
@@ -18,20 +20,20 @@ void CurlShare::unlock(CURL *, curl_lock_data data, void *self) {
 CURLcode CurlShare::join(CURL *handle) {
     std::lock_guard<std::mutex> hold(guard);
     if (share == nullptr) {
-        CURLSH *made = curl_share_init();
-        if (made == nullptr) {
+        ShareHandle made(curl_share_init());
+        if (!made) {
             return CURLE_OUT_OF_MEMORY;
         }
-        if (curl_share_setopt(made, CURLSHOPT_LOCKFUNC, &CurlShare::lock) != CURLSHE_OK ||
-            curl_share_setopt(made, CURLSHOPT_UNLOCKFUNC, &CurlShare::unlock) != CURLSHE_OK ||
-            curl_share_setopt(made, CURLSHOPT_USERDATA, this) != CURLSHE_OK ||
-            curl_share_setopt(made, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT) != CURLSHE_OK ||
-            curl_share_setopt(made, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION) != CURLSHE_OK ||
-            curl_share_setopt(made, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS) != CURLSHE_OK) {
-            curl_share_cleanup(made);
+        CURLSH *raw = made.get();
+        if (curl_share_setopt(raw, CURLSHOPT_LOCKFUNC, &CurlShare::lock) != CURLSHE_OK ||
+            curl_share_setopt(raw, CURLSHOPT_UNLOCKFUNC, &CurlShare::unlock) != CURLSHE_OK ||
+            curl_share_setopt(raw, CURLSHOPT_USERDATA, this) != CURLSHE_OK ||
+            curl_share_setopt(raw, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT) != CURLSHE_OK ||
+            curl_share_setopt(raw, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION) != CURLSHE_OK ||
+            curl_share_setopt(raw, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS) != CURLSHE_OK) {
             return CURLE_OUT_OF_MEMORY;
         }
-        share = made;
+        share = made.release();
     }
     return curl_easy_setopt(handle, CURLOPT_SHARE, share);
 }
