@@ -1,3 +1,6 @@
+// SsoServer, machine type: the singleton, the configuration directory, whether this machine
+// is a server or a node, and clearing the records.
+
 #include "server/SsoServer.h"
 
 #include "platform/Files.h"
@@ -47,7 +50,7 @@ bool SsoServer::setMachineType() {
         Log() << "SsoServer: ERROR! Can't set machine type. Config path is empty.\n";
         return false;
     }
-    std::string file = configPath + "/sso.cfg";
+    std::string file = configFile();
     int exists = FileIsEntity(file.c_str());
     if (exists == 0) {
         Log() << "SsoServer: File '" << file << "' doesn't exist. Machine type set to 'node'.\n";
