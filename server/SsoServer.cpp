@@ -6,6 +6,7 @@
 #include "platform/Files.h"
 #include "platform/Log.h"
 #include "server/SsoServerConfig.h"
+#include "support/ConfigKeys.h"
 
 #include <initializer_list>
 
@@ -43,6 +44,10 @@ bool SsoServer::setConfigPath() {
     }
     Log() << "SsoServer: ERROR! Can't set config path.\n";
     return false;
+}
+
+std::string SsoServer::configFile() const {
+    return configPath + "/" + ConfigKeys::fileName;
 }
 
 bool SsoServer::setMachineType() {

@@ -261,10 +261,6 @@ std::string loginOptionsOf(Json::Value const &root) {
 
 }  // namespace
 
-std::string SsoServer::configFile() const {
-    return configPath + "/" + ConfigKeys::fileName;
-}
-
 bool SsoServer::loadConfigsJson() {
     if (machineType == kMachineUnset) {
         Log() << "SsoServer: ERROR! Can't load configuration file. Machine type is not set.\n";

@@ -78,24 +78,22 @@ void SsoServerConfigOAuth::setConfigData(Json::Value const &entry) {
         for (auto const &uri : uris) {
             redirectUris.push_back(uri.asString());
         }
-        if (config.isMember(ConfigKeys::userinfoUri)) {
-            userinfoUri = config[ConfigKeys::userinfoUri].asString();
-        }
-        if (config.isMember(ConfigKeys::userName)) {
-            userName = config[ConfigKeys::userName].asString();
-        }
-        if (config.isMember(ConfigKeys::promptType)) {
-            promptType = config[ConfigKeys::promptType].asString();
-        }
+        // An absent optional member leaves the field at its default.
+        auto optionalText = [&config](char const *key, std::string &field) {
+            if (config.isMember(key)) {
+                field = config[key].asString();
+            }
+        };
+        optionalText(ConfigKeys::userinfoUri, userinfoUri);
+        optionalText(ConfigKeys::userName, userName);
+        optionalText(ConfigKeys::promptType, promptType);
         if (config.isMember(ConfigKeys::refresh)) {
             refresh = config[ConfigKeys::refresh].asBool();
         }
         if (config.isMember(ConfigKeys::refreshLifetime)) {
             refreshLifetime = config[ConfigKeys::refreshLifetime].asInt64();
         }
-        if (config.isMember(ConfigKeys::proxy)) {
-            proxy = config[ConfigKeys::proxy].asString();
-        }
+        optionalText(ConfigKeys::proxy, proxy);
     } catch (std::exception const &error) {
         Log() << "SsoServerConfigOAuth: ERROR! Config has a value of a wrong type: '"
               << error.what() << "'.\n";
