@@ -15,8 +15,8 @@ public:
     // 0 on success, -1 on failure.
     static int initialize();
     // Loads the configuration file, prepares transfer handles, discovers provider metadata.
-    // 0 on success (also on a node), -1 when the file could not be loaded, -2 when metadata
-    // could not be loaded.
+    // 0 on success (also on a node), -1 when the file could not be loaded, kMetadataFailed
+    // when metadata could not be loaded.
     static int loadConfigs();
     // loadConfigs' result when the file loaded but a provider's metadata did not.
     static constexpr int kMetadataFailed = -2;
