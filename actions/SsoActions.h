@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 // Guarded operations between the exported functions and the engines. Stateless: every member is
 // static. Each logs its start, refuses on the wrong kind of machine, calls one engine operation
 // and logs a failure. Every char * result is a new array owned by the caller (delete[]); null
@@ -13,9 +15,15 @@ public:
     // 0 on success, -1 on failure.
     static int initialize();
     // Loads the configuration file, prepares transfer handles, discovers provider metadata.
-    // 0 on success (also on a node), -1 when the file could not be loaded, -2 when metadata
-    // could not be loaded.
+    // 0 on success (also on a node), -1 when the file could not be loaded, kMetadataFailed
+    // when metadata could not be loaded.
     static int loadConfigs();
+    // loadConfigs' result when the file loaded but a provider's metadata did not.
+    static constexpr int kMetadataFailed = -2;
+    // Transfer handles made for each provider record when the file is loaded.
+    static constexpr int kHandlersPerProvider = 5;
+    // Length of a user session from getUserSession.
+    static constexpr uint32_t kUserSessionLength = 32;
     static char *getUserLoginOptions();
     static char *getUserSession();
     // `clusterIp` may be null.

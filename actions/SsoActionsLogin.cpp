@@ -1,12 +1,19 @@
+// SsoActions, client side: reading the login data and building the authorization URL for
+// SsoLogin and SsoLoginUrl.
+
 #include "actions/SsoActions.h"
 #include "client/SsoClient.h"
 #include "platform/Log.h"
 #include "platform/Url.h"
+#include "support/ConfigValues.h"
 
 #include <string>
 #include <vector>
 
 namespace {
+
+// The fields of the login data, in their order.
+enum LoginField : size_t { kType, kClientConfig, kState, kNonce, kChallenge, kLoginFieldCount };
 
 // Each text before a "|" is a field, and the text after the last "|" always is one too.
 bool splitLoginData(std::string const &source, std::vector<std::string> &fields) {
@@ -28,18 +35,18 @@ bool validateLoginData(std::vector<std::string> const &fields) {
         Log() << "SsoActions: ERROR! Login arguments list is empty.\n";
         return false;
     }
-    if (fields.size() != 5) {
+    if (fields.size() != kLoginFieldCount) {
         Log() << "SsoActions: ERROR! Number of login arguments " << fields.size()
               << " is invalid.\n";
         return false;
     }
-    Log() << "SsoActions: First login argument: " << fields[0] << ".\n";
+    Log() << "SsoActions: First login argument: " << fields[kType] << ".\n";
     // "Saml" passes here on purpose; it is refused as a login type later.
-    if (fields[0] != "OAuth" && fields[0] != "Saml") {
+    if (fields[kType] != ConfigValues::typeOAuth && fields[kType] != ConfigValues::loginDataSaml) {
         Log() << "SsoActions: ERROR! First login argument is invalid.\n";
         return false;
     }
-    for (size_t position = 2; position <= 5; ++position) {
+    for (size_t position = 2; position <= kLoginFieldCount; ++position) {
         std::string const &field = fields[position - 1];
         Log() << "SsoActions: " << position << " login argument: " << field << ".\n";
         if (field.empty()) {
@@ -70,14 +77,14 @@ bool readLoginData(char const *data, std::vector<std::string> &fields) {
 
 // Gives the client its configuration; false after the failure was logged.
 bool configureClient(SsoClient &client, std::vector<std::string> const &fields) {
-    if (fields[0] == "OAuth") {
-        client.loginType = 0;
+    if (fields[kType] == ConfigValues::typeOAuth) {
+        client.loginType = SsoClient::kLoginTypeOAuth;
     }
-    if (client.loginType != 0) {
+    if (client.loginType != SsoClient::kLoginTypeOAuth) {
         Log() << "SsoActions: ERROR! Unsupported login type.\n";
         return false;
     }
-    if (!client.setConfig(fields[1], fields[2], fields[3])) {
+    if (!client.setConfig(fields[kClientConfig], fields[kState], fields[kNonce])) {
         Log() << "SsoActions: ERROR! Config and session data set failed.\n";
         client.removeConfig();
         return false;
@@ -101,7 +108,7 @@ char *SsoActions::loginUrl(char const *data) {
     if (!configureClient(client, fields)) {
         return nullptr;
     }
-    return client.authUrl(fields[4].c_str());
+    return client.authUrl(fields[kChallenge].c_str());
 }
 
 int SsoActions::login(char const *data, void (*callback)(char const *)) {
@@ -122,7 +129,7 @@ int SsoActions::login(char const *data, void (*callback)(char const *)) {
     if (!configureClient(client, fields)) {
         return -1;
     }
-    int result = client.authRequest(fields[4].c_str(), callback);
+    int result = client.authRequest(fields[kChallenge].c_str(), callback);
     client.removeConfig();
     return result;
 }

@@ -1,3 +1,6 @@
+// SsoActions, server side: start and stop of the engines, and the guarded operations behind
+// the worker's commands and the host's login options and user sessions.
+
 #include "actions/SsoActions.h"
 
 #include "platform/Log.h"
@@ -71,7 +74,7 @@ int SsoActions::loadConfigs() {
     Log() << "SsoActions: Setting up CurlRequest handlers for each config.\n";
     CurlRequest &network = CurlRequest::getNetwork();
     for (size_t index = 0; index < server.configs.size(); ++index) {
-        if (!network.setupHandlersForConfig(static_cast<int>(index), 5)) {
+        if (!network.setupHandlersForConfig(static_cast<int>(index), kHandlersPerProvider)) {
             Log() << "SsoActions: WARNING! Setting up handlers for config " << index
                   << " failed.\n";
         }
@@ -79,7 +82,7 @@ int SsoActions::loadConfigs() {
     if (!server.loadConfigsMetadata()) {
         Log() << "SsoActions: ERROR! Loading configuration metadata failed.\n";
         server.clearConfigs();
-        return -2;
+        return kMetadataFailed;
     }
     Log() << "SsoActions: Finish loading configuration.\n";
     return 0;
@@ -101,7 +104,7 @@ char *SsoActions::getUserLoginOptions() {
 
 char *SsoActions::getUserSession() {
     Log() << "SsoActions: Get user session.\n";
-    std::string session = getRandomAsciiString(32);
+    std::string session = getRandomAsciiString(kUserSessionLength);
     if (session.empty()) {
         Log() << "SsoActions: ERROR! User session generation failed.\n";
         return nullptr;

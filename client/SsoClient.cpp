@@ -1,9 +1,13 @@
+// SsoClient: the authorization URL built from a client configuration and a PKCE challenge.
+
 #include "client/SsoClient.h"
 
 #include "client/SsoClientConfigOAuth.h"
 #include "platform/Log.h"
 #include "platform/Strings.h"
 #include "platform/Url.h"
+#include "support/ConfigValues.h"
+#include "support/OAuthKeys.h"
 #include "support/OAuthScopes.h"
 
 #include <json/value.h>
@@ -23,7 +27,7 @@ bool SsoClient::setConfig(std::string const &configData, std::string const &stat
         Log() << "Sso: ERROR! Client config exist. Can't create another one.\n";
         return false;
     }
-    if (loginType != 0) {
+    if (loginType != kLoginTypeOAuth) {
         Log() << "Sso: ERROR! Unknown login type is set.\n";
         return false;
     }
@@ -50,28 +54,26 @@ std::string SsoClient::buildQueryString(char const *codeChallenge) {
     Log() << "Sso: Start building query string for client.\n";
     // A JSON object keeps its members sorted by key, which gives the parameters their order.
     Json::Value parameters(Json::objectValue);
-    parameters["response_type"] = "code";
-    parameters["client_id"] = config->clientId;
-    parameters["redirect_uri"] = config->redirectUri;
-    parameters["scope"] = "openid email profile";
-    parameters["state"] = config->state;
-    parameters["nonce"] = config->nonce;
-    parameters["code_challenge"] = codeChallenge;
-    parameters["code_challenge_method"] = "S256";
+    parameters[OAuthKeys::responseType] = OAuthKeys::responseTypeCode;
+    parameters[OAuthKeys::clientId] = config->clientId;
+    parameters[OAuthKeys::redirectUri] = config->redirectUri;
+    parameters[OAuthKeys::scope] = providerScope(config->provider);
+    parameters[OAuthKeys::state] = config->state;
+    parameters[OAuthKeys::nonce] = config->nonce;
+    parameters[OAuthKeys::codeChallenge] = codeChallenge;
+    parameters[OAuthKeys::codeChallengeMethod] = OAuthKeys::challengeMethodS256;
 
     std::string const &provider = config->provider;
-    if (provider == "microsoft") {
+    if (provider == ConfigValues::microsoft) {
         Log() << "Sso: Provider is microsoft.\n";
-        parameters["scope"] = parameters["scope"].asString() + " offline_access " + kGraphUserReadScope;
-        parameters["response_mode"] = "query";
-    } else if (provider == "okta") {
+        parameters[OAuthKeys::responseMode] = OAuthKeys::responseModeQuery;
+    } else if (provider == ConfigValues::okta) {
         Log() << "Sso: Provider is okta.\n";
-        parameters["scope"] = parameters["scope"].asString() + " offline_access";
-        parameters["response_mode"] = "query";
-    } else if (provider == "google") {
+        parameters[OAuthKeys::responseMode] = OAuthKeys::responseModeQuery;
+    } else if (provider == ConfigValues::google) {
         Log() << "Sso: Provider is google.\n";
-        parameters["access_type"] = "offline";
-    } else if (provider == "keycloak") {
+        parameters[OAuthKeys::accessType] = OAuthKeys::accessTypeOffline;
+    } else if (provider == ConfigValues::keycloak) {
         Log() << "Sso: Provider is keycloak.\n";
     } else {
         Log() << "Sso: Provider unknown.\n";
@@ -79,8 +81,8 @@ std::string SsoClient::buildQueryString(char const *codeChallenge) {
 
     if (!config->promptType.empty()) {
         // "none" is logged but sends no prompt at all.
-        if (config->promptType != "none") {
-            parameters["prompt"] = config->promptType;
+        if (config->promptType != ConfigValues::promptNone) {
+            parameters[OAuthKeys::prompt] = config->promptType;
         }
         Log() << "Sso: Prompt type set to: '" << config->promptType << "'"
               << " for query string.\n";

@@ -28,7 +28,11 @@ public:
     // The URL as a new array (delete[]).
     char *authUrl(char const *codeChallenge);
 
-    int32_t loginType = -1;  // 0: OAuth
+    // The values of loginType: unset until the login data names its type; OAuth is the only
+    // type a client can log in with.
+    static constexpr int32_t kLoginTypeUnset = -1;
+    static constexpr int32_t kLoginTypeOAuth = 0;
+    int32_t loginType = kLoginTypeUnset;
     std::unique_ptr<SsoClientConfigOAuth> config;
 
 private:

@@ -1,6 +1,10 @@
+// SsoClientConfigOAuth: the client's copy of a provider's settings, read from the client
+// JSON, with the login's state and nonce.
+
 #include "client/SsoClientConfigOAuth.h"
 
 #include "platform/Log.h"
+#include "support/ConfigKeys.h"
 #include "support/SsoJson.h"
 
 #include <json/value.h>
@@ -34,13 +38,14 @@ bool SsoClientConfigOAuth::setConfigData(std::string const &data) {
         Log() << "SsoClientConfigOAuth: ERROR! Parsing client config to JSON failed.\n";
         return false;
     }
-    if (!readRequired(root, "provider", provider) || !readRequired(root, "auth_uri", authUri) ||
-        !readRequired(root, "client_id", clientId) ||
-        !readRequired(root, "redirect_uri", redirectUri)) {
+    if (!readRequired(root, ConfigKeys::provider, provider) ||
+        !readRequired(root, ConfigKeys::authUri, authUri) ||
+        !readRequired(root, ConfigKeys::clientId, clientId) ||
+        !readRequired(root, ConfigKeys::redirectUri, redirectUri)) {
         return false;
     }
-    if (root.isMember("qx_prompt_type") && root["qx_prompt_type"].isString()) {
-        promptType = root["qx_prompt_type"].asString();
+    if (root.isMember(ConfigKeys::promptType) && root[ConfigKeys::promptType].isString()) {
+        promptType = root[ConfigKeys::promptType].asString();
     } else {
         Log() << "SsoClientConfigOAuth: WARNING! Field 'qx_prompt_type' is not set in client"
               << " config.\n";
@@ -64,11 +69,11 @@ bool SsoClientConfigOAuth::setSessionData(std::string const &newState,
 
 void SsoClientConfigOAuth::printConfig() const {
     Json::Value config(Json::objectValue);
-    config["provider"] = provider;
-    config["auth_uri"] = authUri;
-    config["client_id"] = clientId;
-    config["redirect_uri"] = redirectUri;
-    config["qx_prompt_type"] = promptType;
+    config[ConfigKeys::provider] = provider;
+    config[ConfigKeys::authUri] = authUri;
+    config[ConfigKeys::clientId] = clientId;
+    config[ConfigKeys::redirectUri] = redirectUri;
+    config[ConfigKeys::promptType] = promptType;
     Log() << "SsoClientConfigOAuth: Client config is: .\n";
     print(config);
 }

@@ -1,3 +1,5 @@
+// Base64: standard padded encoding of a byte buffer and the size it needs.
+
 #include "platform/Base64.h"
 
 #include <openssl/evp.h>

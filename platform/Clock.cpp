@@ -1,3 +1,5 @@
+// Clock: whole seconds since the epoch, from time() and from gettimeofday, with a test seam.
+
 #include "platform/Clock.h"
 
 #include "platform/PlatformFakes.h"

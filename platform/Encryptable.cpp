@@ -1,3 +1,5 @@
+// Encryptable: random bytes from the kernel, and SHA-256 digests as hex and as Base64.
+
 #include "platform/Encryptable.h"
 
 #include "platform/Base64.h"

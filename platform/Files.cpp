@@ -1,3 +1,5 @@
+// Files: whether a path exists or is out of reach, and the second configuration directory.
+
 #include "platform/Files.h"
 
 #include "platform/PlatformFakes.h"

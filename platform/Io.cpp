@@ -1,3 +1,6 @@
+// Io: the internal pipe, waiting on two descriptors, and descriptor reads and writes that
+// never touch a number the library closed itself.
+
 #include "platform/Io.h"
 
 #include "platform/PlatformFakes.h"

@@ -1,3 +1,6 @@
+// Log: one statement built in a LogStream and emitted whole, to the host's callback or to
+// syslog.
+
 #include "platform/LogSink.h"
 #include "platform/LogStream.h"
 

@@ -1,3 +1,6 @@
+// PlatformFakes: the test seams of the platform layer (random source, files, clock, lookups,
+// worker steps, allocation, wait failures) and their reset.
+
 #include "platform/PlatformFakes.h"
 
 // The hooks are never destroyed: the worker reads them and may outlive the process's exit.

@@ -1,3 +1,5 @@
+// Sockets: IP literal and port checks and address lookups for the proxy validation.
+
 #include "platform/Sockets.h"
 
 #include "platform/PlatformFakes.h"

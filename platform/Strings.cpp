@@ -1,3 +1,5 @@
+// Strings: new character arrays made from and appended to texts, and character counting.
+
 #include "platform/Strings.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// Thread: the worker thread's start, its signal mask and name, and joining it.
+
 #include "platform/Thread.h"
 
 #include <pthread.h>

@@ -1,3 +1,5 @@
+// Url: percent encoding of everything but the unreserved characters, and lenient decoding.
+
 #include "platform/Url.h"
 
 #include <cstring>

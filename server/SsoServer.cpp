@@ -1,8 +1,12 @@
+// SsoServer, machine type: the singleton, the configuration directory, whether this machine
+// is a server or a node, and clearing the records.
+
 #include "server/SsoServer.h"
 
 #include "platform/Files.h"
 #include "platform/Log.h"
 #include "server/SsoServerConfig.h"
+#include "support/ConfigKeys.h"
 
 #include <initializer_list>
 
@@ -42,12 +46,16 @@ bool SsoServer::setConfigPath() {
     return false;
 }
 
+std::string SsoServer::configFile() const {
+    return configPath + "/" + ConfigKeys::fileName;
+}
+
 bool SsoServer::setMachineType() {
     if (configPath.empty()) {
         Log() << "SsoServer: ERROR! Can't set machine type. Config path is empty.\n";
         return false;
     }
-    std::string file = configPath + "/sso.cfg";
+    std::string file = configFile();
     int exists = FileIsEntity(file.c_str());
     if (exists == 0) {
         Log() << "SsoServer: File '" << file << "' doesn't exist. Machine type set to 'node'.\n";

@@ -13,11 +13,17 @@
 
 class SsoServerConfig;
 class SsoServerConfigOAuth;
+namespace Json {
+class Value;
+}
 
 // The server engine: machine type, the configuration file and its provider records, provider
 // discovery, and the stores of pending logins and refresh records. One per process
-// (getServer()); used by the worker thread, and by the host's thread only while no worker runs
-// (and for getLoginOptions). No locks.
+// (getServer()); used by the worker thread, and by the host's thread only while no worker runs.
+// The one exception is SsoGetUserLoginOptions, which reads the machine type and the login
+// options on the host's thread while the worker may be loading or clearing them: those two
+// fields alone are guarded (an atomic and a mutex, below). Everything else is the worker's
+// and takes no lock.
 class SsoServer {
 public:
     static SsoServer &getServer();
@@ -29,6 +35,8 @@ public:
 
     // Finds the configuration directory. False when no candidate exists.
     bool setConfigPath();
+    // The configuration file's path in configPath ("<configPath>/sso.cfg").
+    std::string configFile() const;
     // Server when the configuration file exists, node when it does not. False when undecided.
     bool setMachineType();
     // Reads and validates the whole file and makes the records; all or nothing.
@@ -105,6 +113,14 @@ public:
     bool validateOAuthAuthzInfo(OAuthAuthzInfo const &info) const;
     bool validateOAuthRefreshInfo(OAuthRefreshInfo const &info) const;
 
+    // Seconds a refresh record lives when its provider sets no "qx_refresh_lifetime" (or 0).
+    static constexpr int64_t kDefaultRefreshLifetime = 3600;
+    // Length of the session value of a user token with the refresh flow on.
+    static constexpr uint32_t kSessionValueLength = 32;
+    // The session value of every user token with the refresh flow off: no refresh record is
+    // kept under it.
+    static constexpr char const *kSessionWithoutRefresh = "000";
+
     // The values of machineType.
     static constexpr int32_t kMachineUnset = -1;
     static constexpr int32_t kMachineServer = 0;
@@ -124,6 +140,8 @@ public:
     std::unordered_map<std::string, OAuthRefreshInfo> refreshInfoBySession;
 
 private:
+    // Makes an OAuth record of every OAuth entry of a validated file, in the file's order.
+    void makeRecords(Json::Value const &root);
     // The steps of loginFlow and refreshFlow after the exchange, from the token check to the
     // saved refresh record; the two name their session and expiry failures differently.
     char *finishBlockingLogin(OAuthTokens const &tokens, uint32_t configId,

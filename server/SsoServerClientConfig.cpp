@@ -1,3 +1,6 @@
+// SsoServer, login start: the login options for the host, the PKCE challenge, and the client
+// and node configurations that a login and a node verification start from.
+
 #include "platform/Log.h"
 #include "platform/Strings.h"
 #include "server/SsoServer.h"

@@ -9,8 +9,11 @@ public:
     virtual ~SsoServerConfig() = default;
     // Takes the provider's discovery document. 0 on success, -1 on failure.
     virtual int32_t setMetadata(std::string const &response) = 0;
-    // 0 for OAuth.
+    // kLoginTypeOAuth for OAuth.
     virtual int32_t getLoginType() const = 0;
+
+    // The one login type; callers check it before they treat a record as SsoServerConfigOAuth.
+    static constexpr int32_t kLoginTypeOAuth = 0;
 
     int32_t configId = -1;
 };

@@ -1,7 +1,13 @@
+// SsoServerConfigOAuth: one provider record filled from its file entry and its discovery
+// document, and the client and node JSON made from it.
+
 #include "server/SsoServerConfigOAuth.h"
 
 #include "platform/Log.h"
+#include "support/ConfigKeys.h"
+#include "support/OAuthKeys.h"
 #include "support/SsoJson.h"
+#include "support/SsoUtils.h"
 
 #include <json/value.h>
 
@@ -45,12 +51,12 @@ void SsoServerConfigOAuth::setConfigData(Json::Value const &entry) {
     }
     Log() << "SsoServerConfigOAuth: Config as JSON object is: .\n";
     print(entry);
-    Json::Value const &config = member(entry, "config");
-    if (!entry.isObject() || !entry.isMember("config")) {
+    Json::Value const &config = member(entry, ConfigKeys::config);
+    if (!entry.isObject() || !entry.isMember(ConfigKeys::config)) {
         Log() << "SsoServerConfigOAuth: ERROR! Field 'config' is not set in server config.\n";
         return;
     }
-    Json::Value const &uris = member(config, "redirect_uris");
+    Json::Value const &uris = member(config, ConfigKeys::redirectUris);
     if (!uris.isArray()) {
         Log() << "SsoServerConfigOAuth: ERROR! Field 'redirect_uris' is not array type.\n";
         return;
@@ -62,34 +68,32 @@ void SsoServerConfigOAuth::setConfigData(Json::Value const &entry) {
     // The loader validated every type already; a value that still surprises the JSON library
     // leaves the record where it got to instead of escaping as an exception.
     try {
-        configId = entry["id"].asInt();
-        provider = entry["provider"].asString();
-        idpDomain = config["idp_domain"].asString();
-        clientId = config["client_id"].asString();
-        clientSecret = config["client_secret"].asString();
-        userType = config["qx_user_type"].asString();
+        configId = entry[ConfigKeys::id].asInt();
+        provider = entry[ConfigKeys::provider].asString();
+        idpDomain = config[ConfigKeys::idpDomain].asString();
+        clientId = config[ConfigKeys::clientId].asString();
+        clientSecret = config[ConfigKeys::clientSecret].asString();
+        userType = config[ConfigKeys::userType].asString();
         redirectUris.reserve(uris.size());
         for (auto const &uri : uris) {
             redirectUris.push_back(uri.asString());
         }
-        if (config.isMember("userinfo_uri")) {
-            userinfoUri = config["userinfo_uri"].asString();
+        // An absent optional member leaves the field at its default.
+        auto optionalText = [&config](char const *key, std::string &field) {
+            if (config.isMember(key)) {
+                field = config[key].asString();
+            }
+        };
+        optionalText(ConfigKeys::userinfoUri, userinfoUri);
+        optionalText(ConfigKeys::userName, userName);
+        optionalText(ConfigKeys::promptType, promptType);
+        if (config.isMember(ConfigKeys::refresh)) {
+            refresh = config[ConfigKeys::refresh].asBool();
         }
-        if (config.isMember("qx_user_name")) {
-            userName = config["qx_user_name"].asString();
+        if (config.isMember(ConfigKeys::refreshLifetime)) {
+            refreshLifetime = config[ConfigKeys::refreshLifetime].asInt64();
         }
-        if (config.isMember("qx_prompt_type")) {
-            promptType = config["qx_prompt_type"].asString();
-        }
-        if (config.isMember("qx_refresh")) {
-            refresh = config["qx_refresh"].asBool();
-        }
-        if (config.isMember("qx_refresh_lifetime")) {
-            refreshLifetime = config["qx_refresh_lifetime"].asInt64();
-        }
-        if (config.isMember("qx_proxy")) {
-            proxy = config["qx_proxy"].asString();
-        }
+        optionalText(ConfigKeys::proxy, proxy);
     } catch (std::exception const &error) {
         Log() << "SsoServerConfigOAuth: ERROR! Config has a value of a wrong type: '"
               << error.what() << "'.\n";
@@ -117,14 +121,14 @@ int32_t SsoServerConfigOAuth::setMetadata(std::string const &response) {
         return -1;
     }
     // A document that is an array has no members: it fails on the first required key.
-    Json::Value const &authorization = member(document, "authorization_endpoint");
+    Json::Value const &authorization = member(document, OAuthKeys::authorizationEndpoint);
     if (!authorization.isString()) {
         Log() << "SsoServerConfigOAuth: ERROR! Field 'authorization_endpoint' is not set in oauth "
                  "metadata response.\n";
         return -1;
     }
     authUri = authorization.asString();
-    Json::Value const &token = member(document, "token_endpoint");
+    Json::Value const &token = member(document, OAuthKeys::tokenEndpoint);
     if (!token.isString()) {
         Log() << "SsoServerConfigOAuth: ERROR! Field 'token_endpoint' is not set in oauth metadata "
                  "response.\n";
@@ -133,7 +137,7 @@ int32_t SsoServerConfigOAuth::setMetadata(std::string const &response) {
     }
     tokenUri = token.asString();
     // Required even when the file names its own userinfo URI, which then wins.
-    Json::Value const &userinfo = member(document, "userinfo_endpoint");
+    Json::Value const &userinfo = member(document, OAuthKeys::userinfoEndpoint);
     if (!userinfo.isString()) {
         Log() << "SsoServerConfigOAuth: ERROR! Field 'userinfo_endpoint' is not set in oauth "
                  "metadata response.\n";
@@ -144,14 +148,14 @@ int32_t SsoServerConfigOAuth::setMetadata(std::string const &response) {
     if (userinfoUri.empty()) {
         userinfoUri = userinfo.asString();
     }
-    Json::Value const &revocation = member(document, "revocation_endpoint");
+    Json::Value const &revocation = member(document, OAuthKeys::revocationEndpoint);
     if (revocation.isString()) {
         revokeUri = revocation.asString();
     } else {
         Log() << "SsoServerConfigOAuth: WARNING! Field 'revocation_endpoint' is not set in oauth "
                  "metadata response.\n";
     }
-    Json::Value const &issuerValue = member(document, "issuer");
+    Json::Value const &issuerValue = member(document, OAuthKeys::issuer);
     if (issuerValue.isString()) {
         issuer = issuerValue.asString();
     } else {
@@ -169,9 +173,10 @@ uint32_t SsoServerConfigOAuth::getClientRedirectIndex(char const *clusterIp) con
     }
     // A textual match behind "http://", kept textual on purpose: the first URI that holds the
     // address wins.
+    size_t const schemeLength = std::strlen("http://");
     for (uint32_t index = 0; index < redirectUris.size(); ++index) {
         std::string const &uri = redirectUris[index];
-        if (uri.size() >= 7 && uri.find(clusterIp, 7) != std::string::npos) {
+        if (uri.size() >= schemeLength && uri.find(clusterIp, schemeLength) != std::string::npos) {
             return index;
         }
     }
@@ -185,11 +190,11 @@ std::string SsoServerConfigOAuth::getClientConfigAsJson(uint32_t index) const {
         return std::string();
     }
     Json::Value client(Json::objectValue);
-    client["provider"] = provider;
-    client["auth_uri"] = authUri;
-    client["client_id"] = clientId;
-    client["redirect_uri"] = redirectUris[index];
-    client["qx_prompt_type"] = promptType;
+    client[ConfigKeys::provider] = provider;
+    client[ConfigKeys::authUri] = authUri;
+    client[ConfigKeys::clientId] = clientId;
+    client[ConfigKeys::redirectUri] = redirectUris[index];
+    client[ConfigKeys::promptType] = promptType;
     std::string text;
     if (!writeString(client, text)) {
         Log() << "SsoServerConfigOAuth: ERROR! Serializing client oauth configuration from JSON to "
@@ -206,15 +211,15 @@ std::string SsoServerConfigOAuth::getNodeConfigJson(std::string const &accessTok
         return std::string();
     }
     Json::Value node(Json::objectValue);
-    node["provider"] = provider;
-    node["userinfo_uri"] = userinfoUri;
-    node["access_token"] = accessToken;
-    node["qx_user_type"] = userType;
+    node[ConfigKeys::provider] = provider;
+    node[ConfigKeys::userinfoUri] = userinfoUri;
+    node[ConfigKeys::accessToken] = accessToken;
+    node[ConfigKeys::userType] = userType;
     if (!proxy.empty()) {
-        node["qx_proxy"] = proxy;
+        node[ConfigKeys::proxy] = proxy;
     }
     if (!userName.empty()) {
-        node["qx_user_name"] = userName;
+        node[ConfigKeys::userName] = userName;
     }
     std::string text;
     if (!writeString(node, text)) {
@@ -223,4 +228,8 @@ std::string SsoServerConfigOAuth::getNodeConfigJson(std::string const &accessTok
         return std::string();
     }
     return text;
+}
+
+std::string SsoServerConfigOAuth::basicAuthorization() const {
+    return OAuthKeys::basicPrefix + getBase64((clientId + ":" + clientSecret).c_str());
 }

@@ -23,7 +23,7 @@ public:
     void setConfigData(Json::Value const &entry);
     // Takes the endpoints from a discovery document: 0, or -1 when a required one is missing.
     int32_t setMetadata(std::string const &response) override;
-    int32_t getLoginType() const override { return 0; }
+    int32_t getLoginType() const override { return kLoginTypeOAuth; }
     // Index of the first redirect URI that holds `clusterIp` behind its first 7 bytes; 0 when
     // none does or `clusterIp` is null.
     uint32_t getClientRedirectIndex(char const *clusterIp) const;
@@ -31,6 +31,9 @@ public:
     std::string getClientConfigAsJson(uint32_t index) const;
     // The node configuration JSON carrying `accessToken`, or "".
     std::string getNodeConfigJson(std::string const &accessToken) const;
+    // The "Authorization: Basic" header line over the raw client id and secret, with which
+    // the refresh grant and the revocation authenticate on both roads.
+    std::string basicAuthorization() const;
 
     std::string idpDomain;
     std::string clientId;

@@ -6,9 +6,10 @@
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
 #include "server/SsoServerResponses.h"
+#include "support/ConfigValues.h"
+#include "support/OAuthKeys.h"
 #include "support/OAuthScopes.h"
 #include "support/SsoJson.h"
-#include "support/SsoUtils.h"
 #include "transport/SsoRequest.h"
 
 #include <json/value.h>
@@ -54,8 +55,7 @@ bool requiredToken(Json::Value const &answer, char const *key, std::string &valu
 
 }  // namespace
 
-OAuthTokens readExchangeResponse(std::string const &response,
-                                 std::string const &keptRefreshToken) {
+OAuthTokens readExchangeResponse(std::string const &response, std::string const &keptRefreshToken) {
     Json::Value answer;
     if (!readString(response, answer)) {
         Log() << "SsoServer: ERROR! Parsing string exchange to JSON object failed.\n";
@@ -66,15 +66,15 @@ OAuthTokens readExchangeResponse(std::string const &response,
         return OAuthTokens();
     }
     OAuthTokens tokens;
-    if (!requiredToken(answer, "access_token", tokens.accessToken) ||
-        !requiredToken(answer, "id_token", tokens.idToken)) {
+    if (!requiredToken(answer, OAuthKeys::accessToken, tokens.accessToken) ||
+        !requiredToken(answer, OAuthKeys::idToken, tokens.idToken)) {
         return OAuthTokens();
     }
     if (!keptRefreshToken.empty()) {
         tokens.refreshToken = keptRefreshToken;
         return tokens;
     }
-    if (!requiredToken(answer, "refresh_token", tokens.refreshToken)) {
+    if (!requiredToken(answer, OAuthKeys::refreshToken, tokens.refreshToken)) {
         return OAuthTokens();
     }
     return tokens;
@@ -83,8 +83,9 @@ OAuthTokens readExchangeResponse(std::string const &response,
 OAuthTokens SsoServer::exchangeCodeForTokens(std::string const &code, OAuthAuthzInfo const &info) {
     Log() << "SsoServer: Exchanging code: " << code << "' for config ID: " << info.configId
           << " for tokens.\n";
-    SsoServerConfig const *entry = info.configId < configs.size() ? configs[info.configId] : nullptr;
-    if (entry == nullptr || entry->getLoginType() != 0) {
+    SsoServerConfig const *entry =
+        info.configId < configs.size() ? configs[info.configId] : nullptr;
+    if (entry == nullptr || entry->getLoginType() != SsoServerConfig::kLoginTypeOAuth) {
         Log() << "SsoServer: Config type is invalid.\n";
         return OAuthTokens();
     }
@@ -93,19 +94,19 @@ OAuthTokens SsoServer::exchangeCodeForTokens(std::string const &code, OAuthAuthz
     // Decoded once here and encoded once in the body, whatever form the code arrived in.
     std::unique_ptr<char[]> decoded(UrlDecode(code.c_str()));
     Log() << "SsoServer: Decoded code: '" << decoded.get() << "'.\n";
-    std::vector<std::string> headers = {"Content-Type: application/x-www-form-urlencoded"};
+    std::vector<std::string> headers = {OAuthKeys::formContentType};
     Json::Value fields(Json::objectValue);
-    fields["client_id"] = config->clientId;
-    fields["client_secret"] = config->clientSecret;
-    fields["code"] = decoded.get();
-    fields["code_verifier"] = info.codeVerifier;
-    fields["grant_type"] = "authorization_code";
-    fields["redirect_uri"] = info.redirectUri;
+    fields[OAuthKeys::clientId] = config->clientId;
+    fields[OAuthKeys::clientSecret] = config->clientSecret;
+    fields[OAuthKeys::code] = decoded.get();
+    fields[OAuthKeys::codeVerifier] = info.codeVerifier;
+    fields[OAuthKeys::grantType] = OAuthKeys::grantAuthorizationCode;
+    fields[OAuthKeys::redirectUri] = info.redirectUri;
     std::string body = formBody(fields);
     Log() << "SsoServer: Prepared query string is: '" << body << "'.\n";
-    std::string response = SsoRequest::getNetwork().request(
-        HttpPost, config->tokenUri.c_str(), headers, body.c_str(),
-        config->proxy.empty() ? nullptr : config->proxy.c_str());
+    std::string response =
+        SsoRequest::getNetwork().request(HttpPost, config->tokenUri.c_str(), headers, body.c_str(),
+                                         config->proxy.empty() ? nullptr : config->proxy.c_str());
     return readExchangeResponse(response, std::string());
 }
 
@@ -115,7 +116,7 @@ OAuthTokens SsoServer::exchangeRefreshForTokens(std::string const & /*uuid*/,
     Log() << "SsoServer: Exchanging refresh: " << refreshToken << "' for config ID: " << configId
           << " for tokens.\n";
     SsoServerConfig const *entry = configId < configs.size() ? configs[configId] : nullptr;
-    if (entry == nullptr || entry->getLoginType() != 0) {
+    if (entry == nullptr || entry->getLoginType() != SsoServerConfig::kLoginTypeOAuth) {
         Log() << "SsoServer: Config type is invalid.\n";
         return OAuthTokens();
     }
@@ -123,19 +124,19 @@ OAuthTokens SsoServer::exchangeRefreshForTokens(std::string const & /*uuid*/,
     // The refresh grant authenticates by the Basic header over the raw id and secret.
     std::vector<std::string> headers = {
         "Content-Type: application/x-www-form-urlencoded",
-        "Authorization: Basic " + getBase64((config->clientId + ":" + config->clientSecret).c_str()),
+        config->basicAuthorization(),
     };
     Log() << "SsoServer: Provider is: '" << config->provider << "'.\n";
     Json::Value fields(Json::objectValue);
-    fields["grant_type"] = "refresh_token";
-    fields["refresh_token"] = refreshToken;
-    fields["scope"] = refreshScope(config->provider);
+    fields[OAuthKeys::grantType] = OAuthKeys::grantRefreshToken;
+    fields[OAuthKeys::refreshToken] = refreshToken;
+    fields[OAuthKeys::scope] = providerScope(config->provider);
     std::string body = formBody(fields);
     Log() << "SsoServer: Prepared query string is: '" << body << "'.\n";
-    std::string response = SsoRequest::getNetwork().request(
-        HttpPost, config->tokenUri.c_str(), headers, body.c_str(),
-        config->proxy.empty() ? nullptr : config->proxy.c_str());
+    std::string response =
+        SsoRequest::getNetwork().request(HttpPost, config->tokenUri.c_str(), headers, body.c_str(),
+                                         config->proxy.empty() ? nullptr : config->proxy.c_str());
     // A provider that does not rotate refresh tokens: the one that was sent stays in force.
-    return readExchangeResponse(response,
-                                config->provider == "google" ? refreshToken : std::string());
+    return readExchangeResponse(
+        response, config->provider == ConfigValues::google ? refreshToken : std::string());
 }

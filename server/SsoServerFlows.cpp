@@ -6,6 +6,8 @@
 #include "platform/Strings.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerResponses.h"
+#include "support/ConfigKeys.h"
+#include "support/OAuthKeys.h"
 #include "support/SsoJson.h"
 #include "transport/SsoRequest.h"
 
@@ -159,20 +161,20 @@ char *SsoServer::nodeFlow(std::string const &nodeConfig, std::string const &sess
     std::string userinfoUri;
     std::string accessToken;
     std::string userType;
-    if (!requiredField(config, "provider", provider) ||
-        !requiredField(config, "userinfo_uri", userinfoUri) ||
-        !requiredField(config, "access_token", accessToken) ||
-        !requiredField(config, "qx_user_type", userType)) {
+    if (!requiredField(config, ConfigKeys::provider, provider) ||
+        !requiredField(config, ConfigKeys::userinfoUri, userinfoUri) ||
+        !requiredField(config, ConfigKeys::accessToken, accessToken) ||
+        !requiredField(config, ConfigKeys::userType, userType)) {
         return nullptr;
     }
     std::string proxy;
     std::string userName;
-    if (!optionalField(config, "qx_proxy", proxy) ||
-        !optionalField(config, "qx_user_name", userName)) {
+    if (!optionalField(config, ConfigKeys::proxy, proxy) ||
+        !optionalField(config, ConfigKeys::userName, userName)) {
         return nullptr;
     }
     std::string response = SsoRequest::getNetwork().request(
-        HttpGet, userinfoUri.c_str(), {"Authorization: Bearer " + accessToken}, nullptr,
+        HttpGet, userinfoUri.c_str(), {OAuthKeys::bearerPrefix + accessToken}, nullptr,
         proxy.empty() ? nullptr : proxy.c_str());
     std::string user = readUserInfoResponse(response, provider, userName, userType);
     if (user.empty()) {

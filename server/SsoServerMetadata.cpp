@@ -1,6 +1,11 @@
+// SsoServer, discovery: fetching each provider's OpenID configuration document once the
+// file is loaded.
+
 #include "platform/Log.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "support/ConfigValues.h"
+#include "support/OAuthKeys.h"
 #include "transport/CurlRequest.h"
 
 bool SsoServer::loadConfigsMetadata() {
@@ -14,7 +19,7 @@ bool SsoServer::loadConfigsMetadata() {
     }
     Log() << "SsoServer: Loading metadata.\n";
     for (SsoServerConfig *config : configs) {
-        if (config == nullptr || config->getLoginType() != 0) {
+        if (config == nullptr || config->getLoginType() != SsoServerConfig::kLoginTypeOAuth) {
             continue;
         }
         if (!loadMetadata(static_cast<SsoServerConfigOAuth *>(config))) {
@@ -40,8 +45,8 @@ bool SsoServer::loadMetadata(SsoServerConfigOAuth *config) {
     }
     // Plain concatenation: the administrator's "idp_domain" is used exactly as written.
     std::string url =
-        idpDomain + (provider == "microsoft" ? "/v2.0/.well-known/openid-configuration"
-                                             : "/.well-known/openid-configuration");
+        idpDomain + (provider == ConfigValues::microsoft ? OAuthKeys::microsoftDiscoveryPath
+                                                         : OAuthKeys::discoveryPath);
     Log() << "SsoServer: Metadata URL is: '" << url << "'.\n";
     std::string response = CurlRequest::getNetwork().syncRequest(
         HttpGet, url.c_str(), {}, nullptr, proxy.empty() ? nullptr : proxy.c_str());

@@ -4,14 +4,15 @@
 #include "platform/Log.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
-#include "support/SsoUtils.h"
+#include "support/ConfigValues.h"
+#include "support/OAuthKeys.h"
 #include "transport/SsoRequest.h"
 
 bool SsoServer::revokeRefreshToken(std::string const &refreshToken, uint32_t configId) {
     Log() << "SsoServer: Revoking refresh: " << refreshToken << "' for config ID: " << configId
           << ".\n";
     SsoServerConfig const *entry = configId < configs.size() ? configs[configId] : nullptr;
-    if (entry == nullptr || entry->getLoginType() != 0) {
+    if (entry == nullptr || entry->getLoginType() != SsoServerConfig::kLoginTypeOAuth) {
         Log() << "SsoServer: Config type is invalid.\n";
         return false;
     }
@@ -22,7 +23,7 @@ bool SsoServer::revokeRefreshToken(std::string const &refreshToken, uint32_t con
     }
     Log() << "SsoServer: Refresh flow NOT set in configuration."
           << " Continuation of token revocation.\n";
-    if (config->provider == "microsoft") {
+    if (config->provider == ConfigValues::microsoft) {
         Log() << "SsoServer: WARNING! Microsoft does not support token revocation."
               << " Abort token revocation.\n";
         return true;
@@ -33,13 +34,14 @@ bool SsoServer::revokeRefreshToken(std::string const &refreshToken, uint32_t con
     }
     std::vector<std::string> headers = {
         "Content-Type: application/x-www-form-urlencoded",
-        "Authorization: Basic " + getBase64((config->clientId + ":" + config->clientSecret).c_str()),
+        config->basicAuthorization(),
     };
     // The token goes into this body as it stands, without percent-encoding.
-    std::string body = "token=" + refreshToken + "&" + "token_type_hint=refresh_token";
-    std::string response = SsoRequest::getNetwork().request(
-        HttpPost, config->revokeUri.c_str(), headers, body.c_str(),
-        config->proxy.empty() ? nullptr : config->proxy.c_str());
+    std::string body = std::string(OAuthKeys::token) + "=" + refreshToken + "&" +
+                       OAuthKeys::tokenTypeHint + "=" + OAuthKeys::grantRefreshToken;
+    std::string response =
+        SsoRequest::getNetwork().request(HttpPost, config->revokeUri.c_str(), headers, body.c_str(),
+                                         config->proxy.empty() ? nullptr : config->proxy.c_str());
     // Only a body counts as an answer: a provider that revokes with an empty 200 fails here.
     if (response.empty()) {
         Log() << "SsoServer: ERROR! Revoke response is empty.\n";

@@ -1,3 +1,6 @@
+// SsoServer, stores: the pending logins and refresh records by session, and the checks of
+// tokens and records.
+
 #include "platform/Clock.h"
 #include "platform/Log.h"
 #include "server/SsoServer.h"
@@ -5,8 +8,6 @@
 #include "server/SsoServerConfigOAuth.h"
 
 namespace {
-
-constexpr int64_t kDefaultRefreshLifetime = 3600;
 
 // Reads and erases: after a get the record lives only in the caller's hands.
 template <typename Info>
@@ -82,7 +83,8 @@ bool SsoServer::validateOAuthAuthzInfo(OAuthAuthzInfo const &info) const {
         Log() << "SsoServer: ERROR! Config ID is invalid.\n";
         return false;
     }
-    if (configs[info.configId] == nullptr || configs[info.configId]->getLoginType() != 0) {
+    if (configs[info.configId] == nullptr ||
+        configs[info.configId]->getLoginType() != SsoServerConfig::kLoginTypeOAuth) {
         Log() << "SsoServer: ERROR! Config type is invalid.\n";
         return false;
     }
@@ -104,7 +106,8 @@ bool SsoServer::validateOAuthRefreshInfo(OAuthRefreshInfo const &info) const {
         Log() << "SsoServer: ERROR! Config ID is invalid.\n";
         return false;
     }
-    if (configs[info.configId] == nullptr || configs[info.configId]->getLoginType() != 0) {
+    if (configs[info.configId] == nullptr ||
+        configs[info.configId]->getLoginType() != SsoServerConfig::kLoginTypeOAuth) {
         Log() << "SsoServer: ERROR! Config type is invalid.\n";
         return false;
     }

@@ -32,7 +32,7 @@ bool SsoServer::cleanTokens() {
             continue;
         }
         int64_t lifetime = listed[info.configId]->refreshLifetime;
-        int64_t limit = lifetime == 0 ? 3600 : lifetime;
+        int64_t limit = lifetime == 0 ? kDefaultRefreshLifetime : lifetime;
         int64_t age = now - info.savedAt;
         if (limit < age) {
             Log() << "SsoServer: Removing expired refresh token for session: '" << entry->first
@@ -54,7 +54,7 @@ namespace {
 SsoServerConfigOAuth const *oauthConfig(std::vector<SsoServerConfig *> const &configs,
                                         uint32_t configId) {
     SsoServerConfig const *entry = configId < configs.size() ? configs[configId] : nullptr;
-    if (entry == nullptr || entry->getLoginType() != 0) {
+    if (entry == nullptr || entry->getLoginType() != SsoServerConfig::kLoginTypeOAuth) {
         return nullptr;
     }
     return static_cast<SsoServerConfigOAuth const *>(entry);
@@ -72,11 +72,11 @@ std::string SsoServer::generateUserSession(uint32_t configId) {
     if (!config->refresh) {
         Log() << "SsoServer: For config with ID: " << configId << " refresh flow is not set."
               << " Generate default token..\n";
-        return "000";
+        return kSessionWithoutRefresh;
     }
     Log() << "SsoServer: For config with ID: " << configId << " refresh flow is set."
           << " Generate new user session..\n";
-    std::string session = getRandomAsciiString(32);
+    std::string session = getRandomAsciiString(kSessionValueLength);
     if (session.empty()) {
         Log() << "SsoServer: ERROR! New user session is empty.\n";
         return std::string();
@@ -169,7 +169,7 @@ bool SsoServer::saveRefreshInfo(std::string const &refreshToken, std::string con
     }
     // These tests come after the ones above on purpose: with the refresh flow off, empty tokens
     // still fail.
-    if (!config->refresh || session == "000") {
+    if (!config->refresh || session == kSessionWithoutRefresh) {
         Log() << "SsoServer: Refresh flow NOT set in configuration. Abort saving token"
               << " information.\n";
         return true;

@@ -5,6 +5,8 @@
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
 #include "server/SsoServerResponses.h"
+#include "support/ConfigValues.h"
+#include "support/OAuthKeys.h"
 #include "support/SsoJson.h"
 #include "transport/SsoRequest.h"
 
@@ -27,11 +29,11 @@ std::string readUserInfoResponse(std::string const &response, std::string const 
     std::string text;
     if (!userName.empty()) {
         claim = userName.c_str();
-    } else if (provider == "okta" &&
-               readMember(document, "preferred_username", text) != MemberText::Missing) {
-        claim = "preferred_username";
+    } else if (provider == ConfigValues::okta &&
+               readMember(document, OAuthKeys::preferredUsername, text) != MemberText::Missing) {
+        claim = OAuthKeys::preferredUsername;
     } else {
-        claim = "email";
+        claim = OAuthKeys::email;
     }
     std::string user;
     if (readMember(document, claim, user) == MemberText::WrongType) {
@@ -53,7 +55,7 @@ std::string readUserInfoResponse(std::string const &response, std::string const 
         }
     }
     Log() << "SsoServer: User from userinfo response: '" << user << "'.\n";
-    if (userType == "local") {
+    if (userType == ConfigValues::userTypeLocal) {
         size_t at = user.find('@');
         if (at != std::string::npos) {
             user.erase(at);
@@ -64,21 +66,21 @@ std::string readUserInfoResponse(std::string const &response, std::string const 
 }
 
 std::string SsoServer::fetchUserInfo(std::string const &accessToken, uint32_t configId) {
-    Log() << "SsoServer: Exchanging access token: " << accessToken << "' for config ID: "
-          << configId << " for userinfo.\n";
+    Log() << "SsoServer: Exchanging access token: " << accessToken
+          << "' for config ID: " << configId << " for userinfo.\n";
     if (accessToken.empty()) {
         Log() << "SsoServer: Access token is empty.\n";
         return std::string();
     }
     SsoServerConfig const *entry = configId < configs.size() ? configs[configId] : nullptr;
-    if (entry == nullptr || entry->getLoginType() != 0) {
+    if (entry == nullptr || entry->getLoginType() != SsoServerConfig::kLoginTypeOAuth) {
         Log() << "SsoServer: Config type is invalid.\n";
         return std::string();
     }
     auto const *config = static_cast<SsoServerConfigOAuth const *>(entry);
     Log() << "SsoServer: Userinfo URL is: '" << config->userinfoUri << "'.\n";
     std::string response = SsoRequest::getNetwork().request(
-        HttpGet, config->userinfoUri.c_str(), {"Authorization: Bearer " + accessToken}, nullptr,
+        HttpGet, config->userinfoUri.c_str(), {OAuthKeys::bearerPrefix + accessToken}, nullptr,
         config->proxy.empty() ? nullptr : config->proxy.c_str());
     return readUserInfoResponse(response, config->provider, config->userName, config->userType);
 }

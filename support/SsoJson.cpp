@@ -1,3 +1,5 @@
+// SsoJson: parsing, printing and writing JSON texts and files, and reading a member as text.
+
 #include "support/SsoJson.h"
 
 #include "platform/Files.h"

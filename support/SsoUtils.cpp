@@ -1,3 +1,5 @@
+// SsoUtils: random ASCII strings, Base64, and SHA-256 as hex and as Base64url.
+
 #include "support/SsoUtils.h"
 
 #include "platform/Base64.h"

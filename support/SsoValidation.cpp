@@ -1,3 +1,5 @@
+// SsoValidation: the proxy host and port check and the search for a CA bundle file.
+
 #include "support/SsoValidation.h"
 
 #include "platform/Files.h"

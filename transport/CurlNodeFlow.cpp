@@ -3,14 +3,15 @@
 
 #include "platform/Log.h"
 #include "server/SsoServer.h"
+#include "support/ConfigKeys.h"
+#include "support/OAuthKeys.h"
 #include "support/SsoJson.h"
 #include "transport/CurlRequest.h"
 
 #include <memory>
 #include <utility>
 
-bool CurlRequest::startNodeVerifyFlow(std::string const &sessionId,
-                                      std::string const &nodeConfig) {
+bool CurlRequest::startNodeVerifyFlow(std::string const &sessionId, std::string const &nodeConfig) {
     AsyncFlowContext context;
     context.sessionId = sessionId;
     context.flowType = FlowNodeVerify;
@@ -32,13 +33,13 @@ bool CurlRequest::queueNodeUserInfoRequest(AsyncFlowContext &context) {
     // blocking road then answers by its own rules.
     std::string accessToken;
     std::string url;
-    MemberText access = readMember(config, "access_token", accessToken);
-    if (wrongType(access, "access_token")) {
+    MemberText access = readMember(config, ConfigKeys::accessToken, accessToken);
+    if (wrongType(access, ConfigKeys::accessToken)) {
         return false;
     }
-    MemberText uri = access == MemberText::Text ? readMember(config, "userinfo_uri", url)
+    MemberText uri = access == MemberText::Text ? readMember(config, ConfigKeys::userinfoUri, url)
                                                 : MemberText::Missing;
-    if (wrongType(uri, "userinfo_uri")) {
+    if (wrongType(uri, ConfigKeys::userinfoUri)) {
         return false;
     }
     if (access != MemberText::Text || uri != MemberText::Text) {
@@ -49,10 +50,10 @@ bool CurlRequest::queueNodeUserInfoRequest(AsyncFlowContext &context) {
     // This flow reads "proxy", not the "qx_proxy" that a server writes: a node configuration
     // as a server issues it is fetched without a proxy here.
     std::string proxy;
-    for (auto const &member : {std::make_pair("proxy", &proxy),
-                               std::make_pair("provider", &context.provider),
-                               std::make_pair("qx_user_name", &context.userName),
-                               std::make_pair("qx_user_type", &context.userType)}) {
+    for (auto const &member : {std::make_pair(ConfigKeys::nodeFlowProxy, &proxy),
+                               std::make_pair(ConfigKeys::provider, &context.provider),
+                               std::make_pair(ConfigKeys::userName, &context.userName),
+                               std::make_pair(ConfigKeys::userType, &context.userType)}) {
         // Absent reads as "".
         std::string text;
         MemberText how = readMember(config, member.first, text);
@@ -62,7 +63,7 @@ bool CurlRequest::queueNodeUserInfoRequest(AsyncFlowContext &context) {
         *member.second = how == MemberText::Text ? text : std::string();
     }
     // A node has no configurations of its own: configuration 0's pool, made on demand.
-    queueTransfer(context, 0, HttpGet, url, {"Authorization: Bearer " + context.accessToken},
+    queueTransfer(context, 0, HttpGet, url, {OAuthKeys::bearerPrefix + context.accessToken},
                   std::string(), proxy);
     return true;
 }

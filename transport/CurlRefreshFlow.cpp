@@ -5,10 +5,10 @@
 #include "platform/Log.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
-#include "support/SsoJson.h"
-#include "support/SsoUtils.h"
-#include "transport/CurlRequest.h"
+#include "support/OAuthKeys.h"
 #include "support/OAuthScopes.h"
+#include "support/SsoJson.h"
+#include "transport/CurlRequest.h"
 
 #include <memory>
 
@@ -31,17 +31,14 @@ bool CurlRequest::queueRefreshRequest(AsyncFlowContext &context) {
         return false;
     }
     // The refresh grant authenticates by the Basic header; the code grant by form fields.
-    std::string credentials = getBase64((config->clientId + ":" + config->clientSecret).c_str());
     std::string body = buildFormBody({
-        {"grant_type", "refresh_token"},
-        {"refresh_token", context.storedRefreshToken},
-        {"scope", refreshScope(config->provider)},
+        {OAuthKeys::grantType, OAuthKeys::grantRefreshToken},
+        {OAuthKeys::refreshToken, context.storedRefreshToken},
+        {OAuthKeys::scope, providerScope(config->provider)},
     });
     Log() << "CurlRequest: POST data prepared length: " << body.size() << ".\n";
     queueTransfer(context, static_cast<int32_t>(context.configId), HttpPost, config->tokenUri,
-                  {"Content-Type: application/x-www-form-urlencoded",
-                   "Authorization: Basic " + credentials},
-                  body, config->proxy);
+                  {OAuthKeys::formContentType, config->basicAuthorization()}, body, config->proxy);
     return true;
 }
 
@@ -55,13 +52,13 @@ bool CurlRequest::queueRevokeRequest(AsyncFlowContext &context) {
         return false;
     }
     std::string body = buildFormBody({
-        {"token", context.refreshToken},
-        {"token_type_hint", "refresh_token"},
-        {"client_id", config->clientId},
-        {"client_secret", config->clientSecret},
+        {OAuthKeys::token, context.refreshToken},
+        {OAuthKeys::tokenTypeHint, OAuthKeys::grantRefreshToken},
+        {OAuthKeys::clientId, config->clientId},
+        {OAuthKeys::clientSecret, config->clientSecret},
     });
     queueTransfer(context, static_cast<int32_t>(context.configId), HttpPost, config->revokeUri,
-                  {"Content-Type: application/x-www-form-urlencoded"}, body, config->proxy);
+                  {OAuthKeys::formContentType}, body, config->proxy);
     return true;
 }
 
@@ -77,8 +74,8 @@ void CurlRequest::advanceRefreshFlow(AsyncFlowContext &context, std::string cons
                 return;
             }
             std::string accessToken;
-            MemberText access = readMember(tokens, "access_token", accessToken);
-            if (failOnWrongType(context, access, "access_token", httpCode)) {
+            MemberText access = readMember(tokens, OAuthKeys::accessToken, accessToken);
+            if (failOnWrongType(context, access, OAuthKeys::accessToken, httpCode)) {
                 return;
             }
             if (access != MemberText::Text) {
@@ -89,8 +86,8 @@ void CurlRequest::advanceRefreshFlow(AsyncFlowContext &context, std::string cons
             context.accessToken = accessToken;
             // A provider that does not rotate refresh tokens keeps the stored one in force.
             std::string refreshToken;
-            MemberText refresh = readMember(tokens, "refresh_token", refreshToken);
-            if (failOnWrongType(context, refresh, "refresh_token", httpCode)) {
+            MemberText refresh = readMember(tokens, OAuthKeys::refreshToken, refreshToken);
+            if (failOnWrongType(context, refresh, OAuthKeys::refreshToken, httpCode)) {
                 return;
             }
             if (refresh == MemberText::Text) {

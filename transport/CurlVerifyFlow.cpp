@@ -6,6 +6,7 @@
 #include "server/OAuthAuthzInfo.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "support/OAuthKeys.h"
 #include "support/SsoJson.h"
 #include "transport/CurlRequest.h"
 
@@ -49,16 +50,16 @@ bool CurlRequest::queueTokenExchangeRequest(AsyncFlowContext &context) {
     std::unique_ptr<char[]> decoded(UrlDecode(context.code.c_str()));
     Log() << "CurlRequest: Decoded code: '" << decoded.get() << "'.\n";
     std::string body = buildFormBody({
-        {"client_id", config->clientId},
-        {"client_secret", config->clientSecret},
-        {"grant_type", "authorization_code"},
-        {"code", decoded.get()},
-        {"code_verifier", context.codeVerifier},
-        {"redirect_uri", context.redirectUri},
+        {OAuthKeys::clientId, config->clientId},
+        {OAuthKeys::clientSecret, config->clientSecret},
+        {OAuthKeys::grantType, OAuthKeys::grantAuthorizationCode},
+        {OAuthKeys::code, decoded.get()},
+        {OAuthKeys::codeVerifier, context.codeVerifier},
+        {OAuthKeys::redirectUri, context.redirectUri},
     });
     Log() << "CurlRequest: POST data prepared, length: " << body.size() << ".\n";
     queueTransfer(context, static_cast<int32_t>(context.configId), HttpPost, config->tokenUri,
-                  {"Content-Type: application/x-www-form-urlencoded"}, body, config->proxy);
+                  {OAuthKeys::formContentType}, body, config->proxy);
     return true;
 }
 
@@ -68,8 +69,7 @@ bool CurlRequest::queueUserInfoRequest(AsyncFlowContext &context) {
         return false;
     }
     queueTransfer(context, static_cast<int32_t>(context.configId), HttpGet, config->userinfoUri,
-                  {"Authorization: Bearer " + context.accessToken}, std::string(),
-                  config->proxy);
+                  {OAuthKeys::bearerPrefix + context.accessToken}, std::string(), config->proxy);
     return true;
 }
 
@@ -87,14 +87,14 @@ void CurlRequest::advanceVerifyFlow(AsyncFlowContext &context, std::string const
             // Read in this order; an object or an array where text is read fails the step.
             std::string accessToken;
             std::string idToken;
-            MemberText access = readMember(tokens, "access_token", accessToken);
-            if (failOnWrongType(context, access, "access_token", httpCode)) {
+            MemberText access = readMember(tokens, OAuthKeys::accessToken, accessToken);
+            if (failOnWrongType(context, access, OAuthKeys::accessToken, httpCode)) {
                 return;
             }
             MemberText id = access == MemberText::Text
-                                ? readMember(tokens, "id_token", idToken)
+                                ? readMember(tokens, OAuthKeys::idToken, idToken)
                                 : MemberText::Missing;
-            if (failOnWrongType(context, id, "id_token", httpCode)) {
+            if (failOnWrongType(context, id, OAuthKeys::idToken, httpCode)) {
                 return;
             }
             if (access != MemberText::Text || id != MemberText::Text) {
@@ -104,8 +104,8 @@ void CurlRequest::advanceVerifyFlow(AsyncFlowContext &context, std::string const
             }
             context.accessToken = accessToken;
             std::string refreshToken;
-            MemberText refresh = readMember(tokens, "refresh_token", refreshToken);
-            if (failOnWrongType(context, refresh, "refresh_token", httpCode)) {
+            MemberText refresh = readMember(tokens, OAuthKeys::refreshToken, refreshToken);
+            if (failOnWrongType(context, refresh, OAuthKeys::refreshToken, httpCode)) {
                 return;
             }
             if (refresh == MemberText::Text) {
