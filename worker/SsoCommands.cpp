@@ -24,7 +24,6 @@ namespace {
 // What SsoActions::loadConfigs returns.
 constexpr int kConfigsLoaded = 0;
 constexpr int kConfigsFailed = -1;
-constexpr int kMetadataFailed = -2;
 
 // A name that is no command is still held to the shape of most commands (a name and two
 // non-empty arguments) before it is called incorrect; a shorter line passes in silence.
@@ -85,7 +84,7 @@ char *loadConfigs(SsoCommand const &row, std::vector<std::string> const &) {
             return replyLine(row.okWord, nullptr);
         case kConfigsFailed:
             return replyLine(row.failureWord, nullptr);
-        case kMetadataFailed:
+        case SsoActions::kMetadataFailed:
             return replyLine(SsoWords::loadMetadataFailure, nullptr);
         default:
             Log() << "Sso: ERROR! Command '" << row.name << "' return is"
