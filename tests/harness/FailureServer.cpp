@@ -1,3 +1,4 @@
+// FailureServer: a programmable HTTP server on loopback that records what it is sent.
 #include "tests/harness/FailureServer.h"
 
 #include "tests/harness/LoopbackSocket.h"
@@ -15,6 +16,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 
 namespace {
 
@@ -35,6 +37,63 @@ char const *reason(int status) {
         default:
             return "Status";
     }
+}
+
+// Reads from `receive` until the header block and the body that its Content-Length announces
+// are in, or the client stops sending. `headerEnd` becomes the offset of the blank line after
+// the headers, npos when none came.
+std::string readWhole(std::function<int(char *, int)> const &receive, size_t &headerEnd) {
+    std::string raw;
+    char buffer[8192];
+    headerEnd = std::string::npos;
+    size_t wanted = 0;
+    for (;;) {
+        if (headerEnd == std::string::npos) {
+            headerEnd = raw.find("\r\n\r\n");
+            if (headerEnd != std::string::npos) {
+                std::string lower = raw.substr(0, headerEnd);
+                for (char &c : lower) {
+                    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+                }
+                size_t at = lower.find("content-length:");
+                wanted = at == std::string::npos
+                             ? 0
+                             : std::strtoul(lower.c_str() + at + 15, nullptr, 10);
+            }
+        }
+        if (headerEnd != std::string::npos && raw.size() >= headerEnd + 4 + wanted) {
+            return raw;
+        }
+        int got = receive(buffer, sizeof buffer);
+        if (got <= 0) {
+            return raw;
+        }
+        raw.append(buffer, static_cast<size_t>(got));
+    }
+}
+
+// The request line, header block and body of `raw`, whose headers end at `headerEnd`; stamped
+// as received now.
+FailureServer::Request parseRequest(std::string const &raw, size_t headerEnd) {
+    FailureServer::Request request;
+    request.received = std::chrono::steady_clock::now();
+    size_t lineEnd = raw.find("\r\n");
+    std::string requestLine = raw.substr(0, lineEnd);
+    size_t space = requestLine.find(' ');
+    size_t second = requestLine.find(' ', space + 1);
+    request.method = requestLine.substr(0, space);
+    request.target = requestLine.substr(space + 1, second - space - 1);
+    request.headers = raw.substr(lineEnd + 2, headerEnd - lineEnd - 2);
+    request.body = raw.substr(headerEnd + 4);
+    return request;
+}
+
+// The whole HTTP/1.1 answer for `reply`; the connection closes after it.
+std::string responseText(FailureServer::Reply const &reply) {
+    return "HTTP/1.1 " + std::to_string(reply.status) + " " + reason(reply.status) +
+           "\r\nContent-Type: " + reply.contentType +
+           "\r\nContent-Length: " + std::to_string(reply.body.size()) +
+           "\r\nConnection: close\r\n\r\n" + reply.body;
 }
 
 // Certificate and key for TLS mode, made once per test program in a temporary directory that
@@ -68,8 +127,7 @@ FailureServer::FailureServer(bool useTls) : tls(useTls) {
     listenOnLoopback(certificate, key);
 }
 
-FailureServer::FailureServer(std::string const &certificate, std::string const &key)
-    : tls(true) {
+FailureServer::FailureServer(std::string const &certificate, std::string const &key) : tls(true) {
     listenOnLoopback(certificate, key);
 }
 
@@ -190,76 +248,35 @@ void FailureServer::serve(int fd) {
     auto receive = [&](char *buffer, int size) -> int {
         return ssl ? SSL_read(ssl, buffer, size) : static_cast<int>(recv(fd, buffer, size, 0));
     };
-    auto sendAll = [&](std::string const &data) {
-        if (ssl) {
-            SSL_write(ssl, data.data(), static_cast<int>(data.size()));
-        } else {
-            ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-        }
-    };
-    std::string raw;
-    char buffer[8192];
     size_t headerEnd = std::string::npos;
-    size_t wanted = 0;
-    for (;;) {
-        if (headerEnd == std::string::npos) {
-            headerEnd = raw.find("\r\n\r\n");
-            if (headerEnd != std::string::npos) {
-                std::string lower = raw.substr(0, headerEnd);
-                for (char &c : lower) {
-                    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-                }
-                size_t at = lower.find("content-length:");
-                wanted = at == std::string::npos
-                             ? 0
-                             : std::strtoul(lower.c_str() + at + 15, nullptr, 10);
-            }
-        }
-        if (headerEnd != std::string::npos && raw.size() >= headerEnd + 4 + wanted) {
-            break;
-        }
-        int got = receive(buffer, sizeof buffer);
-        if (got <= 0) {
-            break;
-        }
-        raw.append(buffer, static_cast<size_t>(got));
-    }
-    Request request;
+    std::string const raw = readWhole(receive, headerEnd);
     size_t recorded = 0;
+    Request request;
     if (headerEnd != std::string::npos) {
-        request.received = std::chrono::steady_clock::now();
-        size_t lineEnd = raw.find("\r\n");
-        std::string requestLine = raw.substr(0, lineEnd);
-        size_t space = requestLine.find(' ');
-        size_t second = requestLine.find(' ', space + 1);
-        request.method = requestLine.substr(0, space);
-        request.target = requestLine.substr(space + 1, second - space - 1);
-        request.headers = raw.substr(lineEnd + 2, headerEnd - lineEnd - 2);
-        request.body = raw.substr(headerEnd + 4);
-        std::lock_guard<std::mutex> lock(mutex_);
-        recorded = requests_.size();
-        requests_.push_back(request);
-        arrived_.notify_all();
+        request = parseRequest(raw, headerEnd);
+        recorded = record(request);
     }
     Reply reply = replyFor(request.target);
     if (reply.mode == Mode::Hang) {
         // Holds the connection until the client gives up or the server stops.
+        char buffer[8192];
         while (receive(buffer, sizeof buffer) > 0) {
         }
     } else if (reply.mode == Mode::Reset) {
         struct linger abort = {1, 0};
         setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     } else if (headerEnd != std::string::npos) {
-        std::string response = "HTTP/1.1 " + std::to_string(reply.status) + " " +
-                               reason(reply.status) + "\r\nContent-Type: " + reply.contentType +
-                               "\r\nContent-Length: " + std::to_string(reply.body.size()) +
-                               "\r\nConnection: close\r\n\r\n" + reply.body;
+        std::string const response = responseText(reply);
         {
             // Before the answer leaves: the client may act on it before send returns here.
             std::lock_guard<std::mutex> lock(mutex_);
             requests_[recorded].answered = std::chrono::steady_clock::now();
         }
-        sendAll(response);
+        if (ssl) {
+            SSL_write(ssl, response.data(), static_cast<int>(response.size()));
+        } else {
+            ::send(fd, response.data(), response.size(), MSG_NOSIGNAL);
+        }
     }
     if (ssl != nullptr) {
         if (reply.mode != Mode::Reset) {
@@ -267,17 +284,26 @@ void FailureServer::serve(int fd) {
         }
         SSL_free(ssl);
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (auto &each : connections_) {
-            if (each == fd) {
-                each = connections_.back();
-                connections_.pop_back();
-                break;
-            }
+    forget(fd);
+    close(fd);
+}
+
+size_t FailureServer::record(Request const &request) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    requests_.push_back(request);
+    arrived_.notify_all();
+    return requests_.size() - 1;
+}
+
+void FailureServer::forget(int fd) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto &each : connections_) {
+        if (each == fd) {
+            each = connections_.back();
+            connections_.pop_back();
+            break;
         }
     }
-    close(fd);
 }
 
 bool FailureServer::Request::hasHeader(std::string const &line) const {

@@ -68,7 +68,12 @@ public:
 private:
     void listenOnLoopback(std::string const &certificate, std::string const &key);
     void acceptLoop();
+    // Serves the one request of connection `fd` as its reply says, then closes it.
     void serve(int fd);
+    // Adds `request` to requests(), wakes waitForRequests; its index there.
+    size_t record(Request const &request);
+    // Takes `fd` off the open connections that the destructor would shut.
+    void forget(int fd);
     Reply replyFor(std::string const &target) const;
 
     int listenFd_ = -1;

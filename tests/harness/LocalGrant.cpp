@@ -1,3 +1,4 @@
+// LocalGrant: a provider record for the local provider and real tokens from a signed-in user.
 #include "tests/harness/LocalGrant.h"
 
 #include "platform/Url.h"
@@ -5,28 +6,25 @@
 #include "server/SsoServerConfigOAuth.h"
 #include "support/SsoUtils.h"
 #include "tests/harness/LocalProvider.h"
+#include "tests/harness/ProviderRecord.h"
 #include "worker/libqxss.h"
 
 #include <memory>
 
 SsoServerConfigOAuth *LocalGrant::addRecord(SsoServer &server, std::string const &provider) {
     std::string const base = LocalProvider::shared().baseUrl();
-    auto *config = new SsoServerConfigOAuth();
-    config->configId = static_cast<int32_t>(server.configs.size());
-    config->idpDomain = base;
-    config->clientId = LocalProvider::clientId;
-    config->clientSecret = LocalProvider::clientSecret;
-    config->redirectUris = {LocalProvider::redirectUri};
-    config->authUri = base + "/auth";
-    config->tokenUri = base + "/token";
-    config->userinfoUri = base + "/me";
-    config->revokeUri = base + "/token/revocation";
-    config->issuer = base;
-    config->provider = provider;
-    config->userType = "local";
-    config->refresh = true;
-    server.configs.push_back(config);
-    return config;
+    return ProviderRecord(provider)
+        .domain(base)
+        .client(LocalProvider::clientId, LocalProvider::clientSecret)
+        .redirects({LocalProvider::redirectUri})
+        .authAt(base + "/auth")
+        .tokenAt(base + "/token")
+        .userinfoAt(base + "/me")
+        .revokeAt(base + "/token/revocation")
+        .with([base](SsoServerConfigOAuth &record) { record.issuer = base; })
+        .localUsers()
+        .refresh(true)
+        .addTo(server);
 }
 
 LocalGrant::Code LocalGrant::authorize(SsoServer &server, uint32_t configId,

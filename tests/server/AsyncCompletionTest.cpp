@@ -3,7 +3,9 @@
 #include "platform/PlatformFakes.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 
 #include <gtest/gtest.h>
 
@@ -14,24 +16,16 @@ namespace {
 constexpr int64_t kNow = 1750000000;
 std::string const kAlice = "{\"email\":\"alice@example.com\",\"preferred_username\":\"al\"}";
 
-class AsyncCompletionTest : public ::testing::Test {
+class AsyncCompletionTest : public EngineTest {
 protected:
-    void SetUp() override {
-        PlatformFakes::clock() = [] { return kNow; };
-    }
-    void TearDown() override { PlatformFakes::reset(); }
+    void SetUp() override { stopClock(kNow); }
 
     SsoServerConfigOAuth *add(std::string const &provider, bool refresh) {
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = static_cast<int32_t>(server.configs.size());
-        config->provider = provider;
-        config->userType = "local";
-        config->refresh = refresh;
-        config->refreshLifetime = 600;
-        config->clientId = "client";
-        config->clientSecret = "secret";
-        server.configs.push_back(config);
-        return config;
+        return ProviderRecord(provider)
+            .localUsers()
+            .refresh(refresh, 600)
+            .client("client", "secret")
+            .addTo(server);
     }
 
     // The completion's result as a string ("<null>" for null), freeing the array.

@@ -3,8 +3,10 @@
 #include "platform/PlatformFakes.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/SsoRequest.h"
 #include "worker/SsoChannel.h"
 
@@ -28,37 +30,28 @@ std::string taken(char *token) {
     return owned ? std::string(owned.get()) : std::string();
 }
 
-class BlockingFlowsTest : public ::testing::Test {
+class BlockingFlowsTest : public EngineTest {
 protected:
     void SetUp() override {
         ASSERT_NE(idp.port, 0);
-        ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
+        ASSERT_TRUE(startNetwork(SsoRequest::getNetwork()));
+        clearRecordsAfter(server);
         idp.on("/token", 200, kTokens);
         idp.on("/me", 200, kUserInfo);
         idp.on("/revoke", 200, "{}");
-        PlatformFakes::clock() = [] { return kNow; };
+        stopClock(kNow);
         addConfig("keycloak", true);
-    }
-    void TearDown() override {
-        PlatformFakes::reset();
-        server.clearConfigs();
-        SsoRequest::getNetwork().cleanUp();
     }
 
     SsoServerConfigOAuth &addConfig(std::string const &provider, bool refresh) {
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = static_cast<int32_t>(server.configs.size());
-        config->provider = provider;
-        config->clientId = "cid";
-        config->clientSecret = "secret";
-        config->tokenUri = idp.url("/token");
-        config->userinfoUri = idp.url("/me");
-        config->revokeUri = idp.url("/revoke");
-        config->userType = "local";
-        config->refresh = refresh;
-        config->refreshLifetime = 600;
-        server.configs.push_back(config);
-        return *config;
+        return *ProviderRecord(provider)
+                    .client("cid", "secret")
+                    .tokenAt(idp.url("/token"))
+                    .userinfoAt(idp.url("/me"))
+                    .revokeAt(idp.url("/revoke"))
+                    .localUsers()
+                    .refresh(refresh, 600)
+                    .addTo(server);
     }
 
     SsoServerConfigOAuth &config(size_t id = 0) {

@@ -3,7 +3,9 @@
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
 #include "support/SsoUtils.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 
 #include <gtest/gtest.h>
 
@@ -15,22 +17,19 @@ std::string const kSession(32, 's');
 // The clock stands still during each test (see SetUp).
 constexpr int64_t kNow = 1700000000;
 
-class ClientConfigTest : public ::testing::Test {
+class ClientConfigTest : public EngineTest {
 protected:
     void SetUp() override {
-        PlatformFakes::clock() = [] { return kNow; };
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = 0;
-        config->provider = "keycloak";
-        config->authUri = "https://idp/auth";
-        config->clientId = "cid";
-        config->userinfoUri = "https://idp/me";
-        config->userType = "local";
-        config->redirectUris = {"https://10.0.0.1/cb", "https://10.0.0.2/cb"};
-        server.configs.push_back(config);
+        stopClock(kNow);
+        ProviderRecord("keycloak")
+            .authAt("https://idp/auth")
+            .client("cid")
+            .userinfoAt("https://idp/me")
+            .localUsers()
+            .redirects({"https://10.0.0.1/cb", "https://10.0.0.2/cb"})
+            .addTo(server);
         log.clear();
     }
-    void TearDown() override { PlatformFakes::reset(); }
 
     SsoServerConfigOAuth &record() {
         return *static_cast<SsoServerConfigOAuth *>(server.configs[0]);

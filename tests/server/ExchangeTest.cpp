@@ -3,8 +3,10 @@
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
 #include "server/SsoServerResponses.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/SsoRequest.h"
 
 #include <gtest/gtest.h>
@@ -53,27 +55,19 @@ bool hasHeaderNamed(std::vector<std::string> const &lines, std::string const &pr
     return false;
 }
 
-class ExchangeTest : public ::testing::Test {
+class ExchangeTest : public EngineTest {
 protected:
     void SetUp() override {
         ASSERT_NE(idp.port, 0);
-        ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
+        ASSERT_TRUE(startNetwork(SsoRequest::getNetwork()));
+        clearRecordsAfter(server);
         idp.on("/token", 200, kTokens);
-    }
-    void TearDown() override {
-        server.clearConfigs();
-        SsoRequest::getNetwork().cleanUp();
     }
 
     // A provider record whose token endpoint is the recording server; its config id is returned.
     uint32_t addConfig(std::string const &provider, std::string const &secret = "s3cr+t/=") {
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = static_cast<int32_t>(server.configs.size());
-        config->provider = provider;
-        config->clientId = "cid";
-        config->clientSecret = secret;
-        config->tokenUri = idp.url("/token");
-        server.configs.push_back(config);
+        auto *config =
+            ProviderRecord(provider).client("cid", secret).tokenAt(idp.url("/token")).addTo(server);
         return static_cast<uint32_t>(config->configId);
     }
 

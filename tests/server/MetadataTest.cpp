@@ -1,35 +1,28 @@
 // Discovery of each provider's endpoints, from the real local provider and from broken servers.
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LocalProvider.h"
 #include "tests/harness/LocalProxy.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/CurlRequest.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-class MetadataTest : public ::testing::Test {
+class MetadataTest : public EngineTest {
 protected:
     void SetUp() override {
-        network.cleanUp();
-        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
+        ASSERT_TRUE(restartNetwork(network));
+        clearRecordsAfter(server);
         server.machineType = SsoServer::kMachineServer;
-    }
-    void TearDown() override {
-        server.clearConfigs();
-        network.cleanUp();
     }
 
     SsoServerConfigOAuth *add(std::string const &provider, std::string const &idpDomain) {
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = static_cast<int32_t>(server.configs.size());
-        config->provider = provider;
-        config->idpDomain = idpDomain;
-        server.configs.push_back(config);
-        return config;
+        return ProviderRecord(provider).domain(idpDomain).addTo(server);
     }
 
     CurlRequest &network = CurlRequest::getNetwork();

@@ -2,10 +2,12 @@
 // that the real provider really forgets the token.
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LocalGrant.h"
 #include "tests/harness/LocalProvider.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/CurlRequest.h"
 #include "transport/SsoRequest.h"
 
@@ -59,29 +61,25 @@ std::vector<std::string> operator+(std::vector<std::string> head,
 // base64("qxss-client:qxss-secret")
 std::string const localBasic = "cXhzcy1jbGllbnQ6cXhzcy1zZWNyZXQ=";
 
-class RevocationTest : public ::testing::Test {
+class RevocationTest : public EngineTest {
 protected:
     void SetUp() override {
-        network.cleanUp();
-        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
+        ASSERT_TRUE(restartNetwork(network));
+        clearRecordsAfter(server);
         log.clear();
     }
     void TearDown() override {
-        server.clearConfigs();
-        network.cleanUp();
+        EngineTest::TearDown();
         LocalProvider::shared().setRevocationBody(false);
     }
 
     SsoServerConfigOAuth *addRecord(std::string const &provider, bool refresh,
                                     std::string const &revokeUri) {
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = static_cast<int32_t>(server.configs.size());
-        config->provider = provider;
-        config->refresh = refresh;
-        config->clientId = "qxss-client";
-        config->clientSecret = "s3cr+t/x:y";
-        config->revokeUri = revokeUri;
-        server.configs.push_back(config);
+        auto *config = ProviderRecord(provider)
+                           .refresh(refresh)
+                           .client("qxss-client", "s3cr+t/x:y")
+                           .revokeAt(revokeUri)
+                           .addTo(server);
         log.clear();  // the record's constructor has its own statement
         return config;
     }

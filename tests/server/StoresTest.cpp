@@ -2,7 +2,9 @@
 #include "platform/PlatformFakes.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 
 #include <gtest/gtest.h>
 
@@ -12,16 +14,13 @@ namespace {
 // server computes, whenever the second turns.
 constexpr int64_t kNow = 1700000000;
 
-class StoresTest : public ::testing::Test {
+class StoresTest : public EngineTest {
 protected:
     void SetUp() override {
-        PlatformFakes::clock() = [] { return kNow; };
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = 0;
-        server.configs.push_back(config);
+        stopClock(kNow);
+        ProviderRecord("").addTo(server);
         log.clear();
     }
-    void TearDown() override { PlatformFakes::clock() = nullptr; }
 
     SsoServerConfigOAuth &record() {
         return *static_cast<SsoServerConfigOAuth *>(server.configs[0]);

@@ -3,10 +3,12 @@
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
 #include "server/SsoServerResponses.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LocalGrant.h"
 #include "tests/harness/LocalProvider.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/SsoRequest.h"
 
 #include <gtest/gtest.h>
@@ -196,12 +198,7 @@ TEST(UserInfoReaderTest, UserTypeLocalCutsAtTheFirstAt) {
 
 TEST(UserInfoReaderTest, AnEmptyFinalNameFailsTheLogin) {
     SsoServer server;
-    auto *config = new SsoServerConfigOAuth();
-    config->configId = 0;
-    config->provider = "google";
-    config->userType = "local";
-    config->refresh = true;
-    server.configs.push_back(config);
+    ProviderRecord("google").localUsers().refresh(true).addTo(server);
     LogCapture log;
     EXPECT_EQ(server.completeAsyncLoginFlow("{\"email\":\"@example.com\"}", "at", "rt", 0, ""),
               nullptr);
@@ -211,26 +208,18 @@ TEST(UserInfoReaderTest, AnEmptyFinalNameFailsTheLogin) {
     EXPECT_TRUE(server.refreshInfoBySession.empty());
 }
 
-class UserInfoFetchTest : public ::testing::Test {
+class UserInfoFetchTest : public EngineTest {
 protected:
     void SetUp() override {
-        network.cleanUp();
-        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
+        ASSERT_TRUE(restartNetwork(network));
+        clearRecordsAfter(server);
         log.clear();
-    }
-    void TearDown() override {
-        server.clearConfigs();
-        network.cleanUp();
     }
 
     // A record for a server that is not the provider: only its userinfo URI matters here.
     SsoServerConfigOAuth *addRecord(std::string const &userinfoUri) {
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = static_cast<int32_t>(server.configs.size());
-        config->provider = "keycloak";
-        config->userType = "local";
-        config->userinfoUri = userinfoUri;
-        server.configs.push_back(config);
+        auto *config =
+            ProviderRecord("keycloak").localUsers().userinfoAt(userinfoUri).addTo(server);
         log.clear();  // the record's constructor has its own statement
         return config;
     }

@@ -3,9 +3,11 @@
 #include "platform/PlatformFakes.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/LocalGrant.h"
 #include "tests/harness/LocalProvider.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/SsoRequest.h"
 #include "worker/libqxss.h"
 
@@ -35,23 +37,19 @@ std::vector<std::string> operator+(std::vector<std::string> head,
     return head;
 }
 
-class UserTokensTest : public ::testing::Test {
+class UserTokensTest : public EngineTest {
 protected:
     void SetUp() override {
-        PlatformFakes::clock() = [this] { return now; };
+        fakeClock([this] { return now; });
         log.clear();
     }
-    void TearDown() override { PlatformFakes::reset(); }
 
     SsoServerConfigOAuth *addRecord(SsoServer &target, bool refresh, int64_t lifetime) {
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = static_cast<int32_t>(target.configs.size());
-        config->provider = "keycloak";
-        config->userinfoUri = "https://idp.example/me";
-        config->userType = "local";
-        config->refresh = refresh;
-        config->refreshLifetime = lifetime;
-        target.configs.push_back(config);
+        auto *config = ProviderRecord("keycloak")
+                           .userinfoAt("https://idp.example/me")
+                           .localUsers()
+                           .refresh(refresh, lifetime)
+                           .addTo(target);
         log.clear();  // the record's constructor has its own statement
         return config;
     }

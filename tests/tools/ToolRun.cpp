@@ -1,3 +1,4 @@
+// Running qxss-check for the tool tests: the program with its pipes, and readers of its report.
 #include "tests/tools/ToolRun.h"
 
 #include "server/SsoServer.h"
@@ -25,8 +26,20 @@
 #error "QXSS_CHECK_TOOL must name the qxss-check binary"
 #endif
 
-ToolRun runCheck(std::vector<std::string> const &arguments, ToolAnswer const &answer) {
-    ToolRun run;
+namespace {
+
+// This side of a running qxss-check: its process and the ends of its three pipes (-1 once
+// closed).
+struct ToolProcess {
+    pid_t pid = -1;
+    int input = -1;
+    int out = -1;
+    int err = -1;
+};
+
+// Starts qxss-check with `arguments` on three new pipes. False, with nothing started, when the
+// pipes cannot be made; a failed fork leaves pid -1 and pipes that end at once.
+bool startTool(std::vector<std::string> const &arguments, ToolProcess &tool) {
     std::vector<std::string> argv = {QXSS_CHECK_TOOL};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     std::vector<char *> raw;
@@ -38,10 +51,10 @@ ToolRun runCheck(std::vector<std::string> const &arguments, ToolAnswer const &an
     int err[2];
     int in[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) {
-        return run;
+        return false;
     }
-    pid_t child = fork();
-    if (child == 0) {
+    tool.pid = fork();
+    if (tool.pid == 0) {
         dup2(in[0], 0);
         dup2(out[1], 1);
         dup2(err[1], 2);
@@ -51,13 +64,22 @@ ToolRun runCheck(std::vector<std::string> const &arguments, ToolAnswer const &an
     close(in[0]);
     close(out[1]);
     close(err[1]);
-    int input = in[1];
+    tool.input = in[1];
+    tool.out = out[0];
+    tool.err = err[0];
+    return true;
+}
+
+// Reads the tool's output and errors into `run` until both end or two minutes pass, and types
+// what `answer` gives once it gives something (no answer: the input is closed at once). True
+// when both streams ended; every pipe is closed on return.
+bool collect(ToolProcess &tool, ToolAnswer const &answer, ToolRun &run) {
     if (!answer) {
-        close(input);
-        input = -1;
+        close(tool.input);
+        tool.input = -1;
     }
     auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    pollfd fds[2] = {{tool.out, POLLIN, 0}, {tool.err, POLLIN, 0}};
     int open = 2;
     while (open > 0 && std::chrono::steady_clock::now() < deadline) {
         if (poll(fds, 2, 1000) <= 0) {
@@ -78,31 +100,49 @@ ToolRun runCheck(std::vector<std::string> const &arguments, ToolAnswer const &an
             }
         }
         std::string typed;
-        if (input >= 0 && answer(run.out, typed)) {
+        if (tool.input >= 0 && answer(run.out, typed)) {
             // A program that already ended leaves EPIPE here, not a signal.
             signal(SIGPIPE, SIG_IGN);
-            ssize_t written = ::write(input, typed.data(), typed.size());
+            ssize_t written = ::write(tool.input, typed.data(), typed.size());
             (void)written;
-            close(input);
-            input = -1;
+            close(tool.input);
+            tool.input = -1;
         }
     }
-    if (input >= 0) {
-        close(input);
+    if (tool.input >= 0) {
+        close(tool.input);
     }
     for (auto &fd : fds) {
         if (fd.fd >= 0) {
             close(fd.fd);
         }
     }
-    if (child > 0) {
-        if (open > 0) {
-            kill(child, SIGKILL);
+    return open == 0;
+}
+
+// Waits for the tool to end, killing it first when it outlived the deadline, and keeps its exit
+// status (-1 when a signal ended it).
+void reap(ToolProcess const &tool, bool ended, ToolRun &run) {
+    if (tool.pid > 0) {
+        if (!ended) {
+            kill(tool.pid, SIGKILL);
         }
         int status = 0;
-        waitpid(child, &status, 0);
+        waitpid(tool.pid, &status, 0);
         run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
+}
+
+}  // namespace
+
+ToolRun runCheck(std::vector<std::string> const &arguments, ToolAnswer const &answer) {
+    ToolRun run;
+    ToolProcess tool;
+    if (!startTool(arguments, tool)) {
+        return run;
+    }
+    bool ended = collect(tool, answer, run);
+    reap(tool, ended, run);
     return run;
 }
 

@@ -2,6 +2,7 @@
 // in libcurl's queue instead of opening more, and a few requests that a provider never answers
 // leave room for the other logins.
 #include "server/SsoServer.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/FlowPump.h"
 #include "transport/CurlRequest.h"
@@ -16,13 +17,12 @@ std::string nodeConfig(std::string const &userinfoUri) {
     return "{\"access_token\":\"t\",\"userinfo_uri\":\"" + userinfoUri + "\"}";
 }
 
-class ConnectionBoundsTest : public ::testing::Test {
+class ConnectionBoundsTest : public EngineTest {
 protected:
     void SetUp() override {
         SsoServer::getServer();
-        ASSERT_TRUE(network.init(3));
+        ASSERT_TRUE(startNetwork(network, 3));
     }
-    void TearDown() override { network.cleanUp(); }
 
     // Turns the engine until the server holds `count` requests; false after `limit` turns.
     bool turnsUntilReceived(FailureServer const &server, size_t count, int limit = 500) {

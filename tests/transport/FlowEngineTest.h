@@ -1,6 +1,7 @@
 #pragma once
 
 #include "server/SsoServer.h"
+#include "tests/harness/EngineTest.h"
 #include "transport/CurlRequest.h"
 
 #include <curl/curl.h>
@@ -10,7 +11,7 @@
 
 // The flow engine of the test's own, driven turn by turn as the worker drives it, with real
 // transfers against loopback servers.
-class FlowEngineTest : public ::testing::Test {
+class FlowEngineTest : public EngineTest {
 public:
     // A node configuration as the node verify flow reads it.
     static std::string nodeConfig(std::string const &userinfoUri) {
@@ -21,9 +22,8 @@ protected:
     void SetUp() override {
         // Built before any capture, so that its first use logs nothing into a test's lines.
         SsoServer::getServer();
-        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
+        ASSERT_TRUE(startNetwork(network));
     }
-    void TearDown() override { network.cleanUp(); }
 
     // One turn as the worker makes it, then a wait of at most 50 ms for libcurl's sockets.
     int32_t turn() {

@@ -1,5 +1,6 @@
 // The pool of easy handles and the setters that prepare one transfer.
 #include "platform/PlatformFakes.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/LogCapture.h"
 #include "transport/CurlRequest.h"
 
@@ -7,12 +8,12 @@
 
 namespace {
 
-class HandlerPoolTest : public ::testing::Test {
+class HandlerPoolTest : public EngineTest {
 protected:
-    void SetUp() override { ASSERT_TRUE(network.init(CURL_GLOBAL_ALL)); }
-    void TearDown() override {
-        network.cleanUp();
-        PlatformFakes::reset();
+    void SetUp() override {
+        // Tests fake the clock or the allocator; the pool is gone before the fakes are.
+        atTearDown([] { PlatformFakes::reset(); });
+        ASSERT_TRUE(startNetwork(network));
     }
 
     size_t count(int configId, bool dynamic) const {

@@ -1,6 +1,7 @@
 // The node verify flow on the engine, without a worker and without any provider record: which
 // node data starts it, and what an empty address does to it.
 #include "server/SsoServer.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/FlowPump.h"
 #include "tests/harness/LogCapture.h"
@@ -10,16 +11,14 @@
 
 namespace {
 
-class NodeFlowTest : public ::testing::Test {
+class NodeFlowTest : public EngineTest {
 protected:
     void SetUp() override {
-        network.cleanUp();
-        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
+        ASSERT_TRUE(restartNetwork(network));
         // No provider record at all, as on a node.
         SsoServer::getServer().clearConfigs();
         idp.on("/me", 200, "{\"email\":\"carol@example.com\"}");
     }
-    void TearDown() override { network.cleanUp(); }
 
     CurlRequest &network = CurlRequest::getNetwork();
     FailureServer idp;

@@ -2,40 +2,35 @@
 // refresh token the new record keeps, and the answers that end it.
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/FlowPump.h"
 #include "tests/harness/LogCapture.h"
 #include "tests/harness/LoginChannel.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/CurlRequest.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-class RefreshFlowTest : public ::testing::Test {
+class RefreshFlowTest : public EngineTest {
 protected:
     void SetUp() override {
-        network.cleanUp();
-        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
+        clearRecordsAfter(server);
+        ASSERT_TRUE(restartNetwork(network));
         idp.on("/me", 200, "{\"email\":\"alice@example.com\"}");
-    }
-    void TearDown() override {
-        network.cleanUp();
-        server.clearConfigs();
     }
 
     void useProvider(std::string const &provider) {
         server.clearConfigs();
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = 0;
-        config->provider = provider;
-        config->userType = "local";
-        config->refresh = true;
-        config->clientId = "qxss-client";
-        config->clientSecret = "qxss-secret";
-        config->tokenUri = idp.url("/token");
-        config->userinfoUri = idp.url("/me");
-        server.configs.push_back(config);
+        ProviderRecord(provider)
+            .localUsers()
+            .refresh(true)
+            .client("qxss-client", "qxss-secret")
+            .tokenAt(idp.url("/token"))
+            .userinfoAt(idp.url("/me"))
+            .addTo(server);
     }
 
     AsyncFlowResult run() {

@@ -1,5 +1,6 @@
 // The blocking request used for discovery, against real servers on loopback.
 #include "platform/PlatformFakes.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LocalProvider.h"
 #include "tests/harness/LocalProxy.h"
@@ -16,10 +17,9 @@
 
 namespace {
 
-class SyncRequestTest : public ::testing::Test {
+class SyncRequestTest : public EngineTest {
 protected:
-    void SetUp() override { ASSERT_TRUE(network.init(CURL_GLOBAL_ALL)); }
-    void TearDown() override { network.cleanUp(); }
+    void SetUp() override { ASSERT_TRUE(startNetwork(network)); }
 
     std::string get(std::string const &url, char const *proxy = nullptr) {
         return network.syncRequest(HttpGet, url.c_str(), {}, nullptr, proxy);

@@ -3,10 +3,12 @@
 #include "server/OAuthAuthzInfo.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "tests/harness/EngineTest.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/FlowPump.h"
 #include "tests/harness/LogCapture.h"
 #include "tests/harness/LoginChannel.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/CurlRequest.h"
 
 #include <gtest/gtest.h>
@@ -15,27 +17,20 @@ namespace {
 
 std::string const kUserinfo = "{\"email\":\"alice@example.com\"}";
 
-class VerifyFlowTest : public ::testing::Test {
+class VerifyFlowTest : public EngineTest {
 protected:
     void SetUp() override {
-        network.cleanUp();
-        ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
+        clearRecordsAfter(server);
+        ASSERT_TRUE(restartNetwork(network));
         server.clearConfigs();
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = 0;
-        config->provider = "keycloak";
-        config->userType = "local";
-        config->refresh = true;
-        config->clientId = "client";
-        config->clientSecret = "secret";
-        config->tokenUri = idp.url("/token");
-        config->userinfoUri = idp.url("/me");
-        server.configs.push_back(config);
+        ProviderRecord("keycloak")
+            .localUsers()
+            .refresh(true)
+            .client("client", "secret")
+            .tokenAt(idp.url("/token"))
+            .userinfoAt(idp.url("/me"))
+            .addTo(server);
         idp.on("/me", 200, kUserinfo);
-    }
-    void TearDown() override {
-        network.cleanUp();
-        server.clearConfigs();
     }
 
     AsyncFlowResult run(std::string const &code = "code") {
