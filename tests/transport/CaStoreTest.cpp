@@ -151,7 +151,7 @@ void expectRefusedWithOneParse(std::function<std::string()> const &attempt,
 
 TEST_F(CaStoreTest, DiscoveryParsesItsBundleOnceAndStillRefusesAnUntrustedServer) {
     CurlRequest network;
-    ASSERT_TRUE(network.init(3));
+    ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     LogCapture log;
     expectRefusedWithOneParse(
         [&] { return network.syncRequest(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr); },
@@ -162,7 +162,7 @@ TEST_F(CaStoreTest, DiscoveryParsesItsBundleOnceAndStillRefusesAnUntrustedServer
 
 TEST_F(CaStoreTest, BlockingRequestTrustsLibcurlsBuiltInBundleParsedOnce) {
     SsoRequest request;
-    ASSERT_TRUE(request.init(3));
+    ASSERT_TRUE(request.init(CURL_GLOBAL_ALL));
     LogCapture log;
     // The built-in paths are learnt by the first request.
     EXPECT_EQ(request.request(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr), "");

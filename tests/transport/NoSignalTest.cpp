@@ -85,7 +85,7 @@ protected:
 
 TEST_F(NoSignalTest, TheBlockingRoadsRequestKeepsTheHostsSigpipeHandler) {
     SsoRequest network;
-    ASSERT_TRUE(network.init(3));
+    ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     std::string body;
     auto seen = handlerDuring(
         [&network](std::string const &url) {
@@ -99,7 +99,7 @@ TEST_F(NoSignalTest, TheBlockingRoadsRequestKeepsTheHostsSigpipeHandler) {
 
 TEST_F(NoSignalTest, DiscoverysRequestKeepsTheHostsSigpipeHandler) {
     CurlRequest network;
-    ASSERT_TRUE(network.init(3));
+    ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     std::string body;
     auto seen = handlerDuring(
         [&network](std::string const &url) {

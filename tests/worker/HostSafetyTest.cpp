@@ -48,7 +48,7 @@ TEST(HostSafetyTest, AFailedSecondRequestInitializationLeavesAStartAfterItClean)
     WorkerHost host;
     TestMachine::node();
     // Already initialized, so that the start's own initialization of it fails.
-    ASSERT_TRUE(SsoRequest::getNetwork().init(3));
+    ASSERT_TRUE(SsoRequest::getNetwork().init(CURL_GLOBAL_ALL));
     log.clear();
     EXPECT_EQ(host.start(), -1);
     EXPECT_TRUE(log.hasInOrder({
