@@ -133,8 +133,8 @@ bool runRound(CurlRequest &network, char const *name, int flows, std::string con
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("%s: %d flows, %d failed, %.3f s, %zu turns\n", name, flows, failures, seconds,
                 turnMicros.size());
-    std::printf("  perform() turn: median %.0f us, worst %.0f us\n",
-                percentile(turnMicros, 0.5), percentile(turnMicros, 1.0));
+    std::printf("  perform() turn: median %.0f us, worst %.0f us\n", percentile(turnMicros, 0.5),
+                percentile(turnMicros, 1.0));
     std::printf("  each turn (us):");
     for (size_t i = 0; i < turnMicros.size() && i < 8; ++i) {
         std::printf(" %.0f", turnMicros[i]);

@@ -16,15 +16,13 @@ char *failed(char const *message) {
 
 }  // namespace
 
-char *SsoServer::completeAsyncLoginFlow(std::string const &userInfo,
-                                        std::string const &accessToken,
+char *SsoServer::completeAsyncLoginFlow(std::string const &userInfo, std::string const &accessToken,
                                         std::string const &refreshToken, uint32_t configId,
                                         std::string const &oldSession) {
     Log() << "SsoServer: Completing async login flow for configId: " << configId << ".\n";
     // Runs first, so that even a completion that fails later leaves no old record behind.
     if (!oldSession.empty()) {
-        Log() << "SsoServer: Refresh flow - replacing old session token: '" << oldSession
-              << "'.\n";
+        Log() << "SsoServer: Refresh flow - replacing old session token: '" << oldSession << "'.\n";
         auto lingering = refreshInfoBySession.find(oldSession);
         if (lingering == refreshInfoBySession.end()) {
             Log() << "SsoServer: Verified old session token removed from memory.\n";

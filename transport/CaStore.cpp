@@ -62,7 +62,8 @@ X509_STORE *CaStore::storeFor(CaTrust &trust) {
     std::lock_guard<std::mutex> lock(mutex);
     struct stat now {};
     bool exists = !trust.file.empty() && stat(trust.file.c_str(), &now) == 0;
-    bool current = trust.store != nullptr && (trust.file.empty() || (exists && sameFile(trust, now)));
+    bool current =
+        trust.store != nullptr && (trust.file.empty() || (exists && sameFile(trust, now)));
     if (!current) {
         X509_STORE *fresh = parse(trust.file, trust.directory);
         if (fresh == nullptr) {
@@ -118,8 +119,8 @@ CURLcode CaStore::trustOn(CURL *handle, char const *file) {
     }
     CaTrust &trust = trustFor(file != nullptr ? std::string(file) : builtInFile, builtInDirectory);
     CURLcode result = CURLE_OK;
-    for (CURLoption option : {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_PROXY_CAINFO,
-                              CURLOPT_PROXY_CAPATH}) {
+    for (CURLoption option :
+         {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAPATH}) {
         result = curl_easy_setopt(handle, option, static_cast<char const *>(nullptr));
         if (result != CURLE_OK) {
             return result;

@@ -24,6 +24,6 @@ public:
     static void unlock(CURL *handle, curl_lock_data data, void *self);
 
     CURLSH *share = nullptr;
-    std::mutex guard;                          // for `share` itself
-    std::mutex locks[CURL_LOCK_DATA_LAST];     // libcurl's, one per kind of data
+    std::mutex guard;                       // for `share` itself
+    std::mutex locks[CURL_LOCK_DATA_LAST];  // libcurl's, one per kind of data
 };

@@ -10,10 +10,10 @@ struct curl_slist;
 
 // Where a transfer stands.
 enum requestState {
-    RequestFailed = -2,    // no handle could be had, three times
-    RequestQueued = -1,    // waits for processRequests
-    RequestInFlight = 0,   // on the multi handle
-    RequestDone = 1,       // ended, answer routed to its flow
+    RequestFailed = -2,   // no handle could be had, three times
+    RequestQueued = -1,   // waits for processRequests
+    RequestInFlight = 0,  // on the multi handle
+    RequestDone = 1,      // ended, answer routed to its flow
 };
 
 // One queued or running transfer of a flow. Text fields are owned copies (delete[]).
@@ -30,6 +30,6 @@ struct curlRequest {
     int32_t retryCount = 0;
     bool finished = false;
     curl_slist *headerList = nullptr;
-    void *handle = nullptr;  // CURL *, borrowed from the pool while in flight
+    void *handle = nullptr;           // CURL *, borrowed from the pool while in flight
     std::string *response = nullptr;  // the body so far, while in flight; also CURLOPT_PRIVATE
 };

@@ -45,9 +45,8 @@ public:
 
     // One request from start to end: the response body, or "" on any failure. `data` is the
     // form body of a POST (ignored for GET); `proxy` is null when there is none.
-    std::string request(httpMethod method, char const *url,
-                        std::vector<std::string> const &headers, char const *data,
-                        char const *proxy);
+    std::string request(httpMethod method, char const *url, std::vector<std::string> const &headers,
+                        char const *data, char const *proxy);
 
     // The message of a libcurl URL error code; "Unknown" outside 1 to 29.
     static char const *urlErrorText(int code);

@@ -41,8 +41,8 @@ private:
     // Call inside a catch block only. The log itself may fail as well; then nothing is said.
     static void logFailure(char const *name) {
         try {
-            Log() << "Sso: ERROR! Function '" << name << "' failed: '"
-                  << SsoChannel::currentError() << "'.\n";
+            Log() << "Sso: ERROR! Function '" << name << "' failed: '" << SsoChannel::currentError()
+                  << "'.\n";
         } catch (...) {
         }
     }

@@ -23,7 +23,9 @@ double processCpuMs() {
 
 BareClient::BareClient() : multi_(curl_multi_init()) {}
 
-BareClient::~BareClient() { curl_multi_cleanup(multi_); }
+BareClient::~BareClient() {
+    curl_multi_cleanup(multi_);
+}
 
 void BareClient::run(std::string const &base, std::vector<Job> const &jobs, size_t parallel,
                      Series &series) {

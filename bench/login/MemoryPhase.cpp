@@ -51,7 +51,8 @@ Memory measureMemory(LocalProvider const &provider, WorkerHost &host, int config
         std::string lines;
         int chunk = std::min(200, count - i);
         for (int j = i; j < i + chunk; ++j) {
-            lines += "SSO_GET_CONFIG|" + std::to_string(configId) + "|" + sessions[static_cast<size_t>(j)] + "\n";
+            lines += "SSO_GET_CONFIG|" + std::to_string(configId) + "|" +
+                     sessions[static_cast<size_t>(j)] + "\n";
         }
         host.send(lines);
         for (int j = 0; j < chunk; ++j) {

@@ -7,7 +7,8 @@
 #include <cstring>
 
 bool PeerClient::start(std::string const &base) {
-    return node_.start({"node", "peer.js", base}, std::string(QXSS_SOURCE_DIR) + "/tests/servers") &&
+    return node_.start({"node", "peer.js", base},
+                       std::string(QXSS_SOURCE_DIR) + "/tests/servers") &&
            node_.waitForLine("READ", 20000) == "Y";
 }
 

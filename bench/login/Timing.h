@@ -22,8 +22,8 @@ struct Job {
 
 // The timings of one client in one phase.
 struct Series {
-    std::string phase;   // "sequential" or "inflight"
-    std::string client;  // "library", "library-revoke", "bare", "peer"
+    std::string phase;               // "sequential" or "inflight"
+    std::string client;              // "library", "library-revoke", "bare", "peer"
     std::string transport = "http";  // "http", "h1" (HTTPS, HTTP/1.1) or "h2" (HTTPS, HTTP/2)
     int delay = 0;
     std::vector<double> ms;  // one a login, in the order the logins ended

@@ -53,7 +53,8 @@ static long askService(char const *nodeFields, struct Text *answer, int timeoutM
     struct Text authorization = {0};
     textPrintf(&authorization, "Authorization: Bearer %s", secret);
     struct curl_slist *headers = curl_slist_append(NULL, authorization.data);
-    struct curl_slist *both = headers ? curl_slist_append(headers, "Content-Type: text/plain") : NULL;
+    struct curl_slist *both =
+        headers ? curl_slist_append(headers, "Content-Type: text/plain") : NULL;
     long status = 0;
     if (both != NULL) {
         curl_easy_setopt(curl, CURLOPT_URL, confirmUrl);

@@ -7,15 +7,17 @@
 #include <time.h>
 
 static void begin(struct Text *page, char const *title) {
-    textAppend(page, "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-                     "<meta name=\"viewport\" content=\"width=device-width\"><title>");
+    textAppend(page,
+               "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+               "<meta name=\"viewport\" content=\"width=device-width\"><title>");
     textAppendHtml(page, title);
-    textAppend(page, "</title><style>"
-                     "body{font-family:sans-serif;max-width:36em;margin:3em auto;padding:0 1em}"
-                     "button{font-size:1em;padding:.5em 1em;margin:.25em 0}"
-                     "form{display:inline-block;margin-right:.5em}.note{color:#555}"
-                     "#user{overflow-wrap:anywhere}"
-                     "</style></head><body>\n<h1>");
+    textAppend(page,
+               "</title><style>"
+               "body{font-family:sans-serif;max-width:36em;margin:3em auto;padding:0 1em}"
+               "button{font-size:1em;padding:.5em 1em;margin:.25em 0}"
+               "form{display:inline-block;margin-right:.5em}.note{color:#555}"
+               "#user{overflow-wrap:anywhere}"
+               "</style></head><body>\n<h1>");
     textAppendHtml(page, title);
     textAppend(page, "</h1>\n");
 }
@@ -44,8 +46,9 @@ static void optionButton(struct Text *page, char const *item) {
     /* SAML entries are listed too, but only OAuth ones can be signed in with. */
     if (id && name && desc && type && strcmp(type, "OAuth") == 0 &&
         strspn(id, "0123456789") == strlen(id) && *id) {
-        textAppend(page, "<li><form method=\"get\" action=\"/login\">"
-                         "<button type=\"submit\" name=\"option\" value=\"");
+        textAppend(page,
+                   "<li><form method=\"get\" action=\"/login\">"
+                   "<button type=\"submit\" name=\"option\" value=\"");
         textAppendHtml(page, id);
         textAppend(page, "\">Sign in with ");
         textAppendHtml(page, name);
@@ -99,31 +102,36 @@ void pageSignedIn(struct Text *page, struct Session const *session) {
         textPrintf(page, "<p id=\"refreshes\">Refreshed %d time%s.</p>\n", session->refreshes,
                    session->refreshes == 1 ? "" : "s");
     }
-    textAppend(page, "<form method=\"post\" action=\"/refresh\">"
-                     "<button type=\"submit\" id=\"refresh\">Refresh the session</button></form>"
-                     "<form method=\"post\" action=\"/logout\">"
-                     "<button type=\"submit\" id=\"logout\">Sign out</button></form>\n");
+    textAppend(page,
+               "<form method=\"post\" action=\"/refresh\">"
+               "<button type=\"submit\" id=\"refresh\">Refresh the session</button></form>"
+               "<form method=\"post\" action=\"/logout\">"
+               "<button type=\"submit\" id=\"logout\">Sign out</button></form>\n");
     if (nodeConfigured()) {
-        textAppend(page, "<p><a href=\"" NODE_PATH "\" id=\"node\">Have the node service "
+        textAppend(page, "<p><a href=\"" NODE_PATH
+                         "\" id=\"node\">Have the node service "
                          "confirm you</a></p>\n");
     }
     end(page);
 }
 
-void pageNodeConfirmed(struct Text *page, struct Session const *session, char const *confirmedUser) {
+void pageNodeConfirmed(struct Text *page, struct Session const *session,
+                       char const *confirmedUser) {
     begin(page, "Node service");
     textAppend(page, "<p>Signed in here as <strong>");
     textAppendHtml(page, session->user);
-    textAppend(page, "</strong>. The node service trusts a user only when the server that holds "
-                     "the sign-in vouches for it.</p>\n");
+    textAppend(page,
+               "</strong>. The node service trusts a user only when the server that holds "
+               "the sign-in vouches for it.</p>\n");
     if (confirmedUser) {
         textAppend(page, "<p id=\"confirmed\">The node service confirmed you as <strong>");
         textAppendHtml(page, confirmedUser);
         textAppend(page, "</strong>.</p>\n");
     }
-    textAppend(page, "<form method=\"post\" action=\"/node\">"
-                     "<button type=\"submit\" id=\"confirm\">Confirm at the node service</button>"
-                     "</form>\n<p><a href=\"/\">Back to the start</a></p>\n");
+    textAppend(page,
+               "<form method=\"post\" action=\"/node\">"
+               "<button type=\"submit\" id=\"confirm\">Confirm at the node service</button>"
+               "</form>\n<p><a href=\"/\">Back to the start</a></p>\n");
     end(page);
 }
 

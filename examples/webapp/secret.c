@@ -15,8 +15,8 @@ int secretRead(char const *path, char out[SECRET_SIZE]) {
         out[strcspn(out, "\r\n")] = '\0';
     }
     if (line == NULL || strlen(out) < SECRET_MIN_LENGTH) {
-        fprintf(stderr, "%s must hold a secret of at least %d characters on its first line\n",
-                path, SECRET_MIN_LENGTH);
+        fprintf(stderr, "%s must hold a secret of at least %d characters on its first line\n", path,
+                SECRET_MIN_LENGTH);
         return -1;
     }
     return 0;

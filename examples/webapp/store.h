@@ -19,7 +19,7 @@ struct PendingLogin {
 struct Session {
     char id[STORE_ID_SIZE]; /* the value of the browser's session cookie */
     char user[256];
-    char value[64]; /* the token's session value: what SSO_REFRESH takes */
+    char value[64];   /* the token's session value: what SSO_REFRESH takes */
     long long expiry; /* what the library's token says */
     long long ends;   /* when this application forgets the session: the expiry, or earlier */
     int refreshes;

@@ -70,12 +70,23 @@ void textPrintf(struct Text *text, char const *format, ...) {
 void textAppendHtml(struct Text *text, char const *piece) {
     for (; *piece; ++piece) {
         switch (*piece) {
-        case '&': textAppend(text, "&amp;"); break;
-        case '<': textAppend(text, "&lt;"); break;
-        case '>': textAppend(text, "&gt;"); break;
-        case '"': textAppend(text, "&quot;"); break;
-        case '\'': textAppend(text, "&#39;"); break;
-        default: textAppendN(text, piece, 1);
+            case '&':
+                textAppend(text, "&amp;");
+                break;
+            case '<':
+                textAppend(text, "&lt;");
+                break;
+            case '>':
+                textAppend(text, "&gt;");
+                break;
+            case '"':
+                textAppend(text, "&quot;");
+                break;
+            case '\'':
+                textAppend(text, "&#39;");
+                break;
+            default:
+                textAppendN(text, piece, 1);
         }
     }
 }

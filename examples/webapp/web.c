@@ -139,8 +139,7 @@ static void clientAddress(struct MHD_Connection *connection, char out[INET6_ADDR
     if (peer && peer->sa_family == AF_INET) {
         inet_ntop(AF_INET, &((struct sockaddr_in const *)peer)->sin_addr, out, INET6_ADDRSTRLEN);
     } else if (peer && peer->sa_family == AF_INET6) {
-        inet_ntop(AF_INET6, &((struct sockaddr_in6 const *)peer)->sin6_addr, out,
-                  INET6_ADDRSTRLEN);
+        inet_ntop(AF_INET6, &((struct sockaddr_in6 const *)peer)->sin6_addr, out, INET6_ADDRSTRLEN);
     }
     if (proxy[0] == '\0' || strcmp(out, proxy) != 0) {
         return;
@@ -234,8 +233,8 @@ static void startLogin(struct MHD_Connection *connection, struct Reply *reply) {
 
     struct Text command = {0};
     textPrintf(&command, "SSO_GET_CONFIG|%s|%s", option, login.userSession);
-    char *answer = command.failed ? NULL
-                                  : channelRequest(command.data, login.userSession, settings.timeoutMs);
+    char *answer =
+        command.failed ? NULL : channelRequest(command.data, login.userSession, settings.timeoutMs);
     free(command.data);
     char *fields[2]; /* the user session, the code challenge; the client JSON stays in front */
     char const *prefix = "SSO_GET_CONFIG_OK|";
@@ -316,8 +315,8 @@ static void finishLogin(struct MHD_Connection *connection, struct Reply *reply) 
     textAppend(&command, "SSO_VERIFY|");
     textAppendPercentEncoded(&command, code);
     textPrintf(&command, "|%s", login.userSession);
-    char *answer = command.failed ? NULL
-                                  : channelRequest(command.data, login.userSession, settings.timeoutMs);
+    char *answer =
+        command.failed ? NULL : channelRequest(command.data, login.userSession, settings.timeoutMs);
     free(command.data);
     char *fields[3]; /* the user session, the expiry, the session value; the user in front */
     char const *prefix = "SSO_VERIFY_OK|";
@@ -363,8 +362,8 @@ static void refresh(struct MHD_Connection *connection, struct Reply *reply) {
     }
     struct Text command = {0};
     textPrintf(&command, "SSO_REFRESH|%s|%s", uuid, session.value);
-    char *answer = command.failed ? NULL
-                                  : channelRequest(command.data, session.value, settings.timeoutMs);
+    char *answer =
+        command.failed ? NULL : channelRequest(command.data, session.value, settings.timeoutMs);
     free(command.data);
     char *fields[3]; /* the old session value, the expiry, the new session value */
     char const *prefix = "SSO_REFRESH_OK|";
@@ -447,8 +446,9 @@ static enum MHD_Result respond(struct MHD_Connection *connection, struct Reply *
     MHD_add_response_header(response, "Content-Type",
                             reply->contentType ? reply->contentType : "text/html; charset=utf-8");
     MHD_add_response_header(response, "Cache-Control", "no-store");
-    MHD_add_response_header(response, "Content-Security-Policy",
-                            "default-src 'none'; style-src 'unsafe-inline'; frame-ancestors 'none'");
+    MHD_add_response_header(
+        response, "Content-Security-Policy",
+        "default-src 'none'; style-src 'unsafe-inline'; frame-ancestors 'none'");
     MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");
     /* No address of ours (the callback's holds the code) goes to another site; "no-referrer"
      * would also blank the Referer of our own forms, which sameOrigin may need. */
@@ -569,7 +569,9 @@ static char *readPem(char const *path) {
 
 /* "scheme://host[:port]" with nothing behind it but one optional "/", which is dropped. */
 static int setPublicOrigin(char const *text) {
-    size_t scheme = strncmp(text, "https://", 8) == 0 ? 8 : strncmp(text, "http://", 7) == 0 ? 7 : 0;
+    size_t scheme = strncmp(text, "https://", 8) == 0  ? 8
+                    : strncmp(text, "http://", 7) == 0 ? 7
+                                                       : 0;
     size_t length = strlen(text);
     if (length > 0 && text[length - 1] == '/') {
         --length;
@@ -597,8 +599,9 @@ int webStart(struct WebSettings const *chosen) {
         return -1;
     }
     if (settings.publicOrigin == NULL && where.sin_addr.s_addr == htonl(INADDR_ANY)) {
-        fprintf(stderr, "qxss-webapp: on 0.0.0.0 the browsers' origin is unknown: give "
-                        "--public-origin\n");
+        fprintf(stderr,
+                "qxss-webapp: on 0.0.0.0 the browsers' origin is unknown: give "
+                "--public-origin\n");
         return -1;
     }
     if (settings.trustedProxy) {
@@ -608,8 +611,8 @@ int webStart(struct WebSettings const *chosen) {
             return -1;
         }
     }
-    unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD |
-                     MHD_USE_ERROR_LOG;
+    unsigned flags =
+        MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ERROR_LOG;
     if (settings.certificateFile) {
         if (MHD_is_feature_supported(MHD_FEATURE_TLS) != MHD_YES) {
             fprintf(stderr, "qxss-webapp: this libmicrohttpd has no TLS\n");
@@ -660,8 +663,8 @@ int webStart(struct WebSettings const *chosen) {
     int port = info ? info->port : settings.port;
     if (settings.publicOrigin == NULL) {
         /* As a browser writes it: no port when it is the scheme's own. */
-        int length = snprintf(origin, sizeof origin, "%s://%s", secure ? "https" : "http",
-                              settings.address);
+        int length =
+            snprintf(origin, sizeof origin, "%s://%s", secure ? "https" : "http", settings.address);
         if (port != (secure ? 443 : 80)) {
             snprintf(origin + length, sizeof origin - (size_t)length, ":%d", port);
         }

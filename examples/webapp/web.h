@@ -18,10 +18,10 @@ struct WebSettings {
      * Both null: plain HTTP. */
     char const *certificateFile;
     char const *keyFile;
-    int sessionLifetime;   /* seconds a session lasts at most after a sign-in or refresh */
-    int loginsPerMinute;   /* sign-ins a client address may start per minute */
-    int maxConnections;    /* open connections in all (each has its thread) */
-    int maxPerAddress;     /* open connections from one address (0: no limit of its own) */
+    int sessionLifetime; /* seconds a session lasts at most after a sign-in or refresh */
+    int loginsPerMinute; /* sign-ins a client address may start per minute */
+    int maxConnections;  /* open connections in all (each has its thread) */
+    int maxPerAddress;   /* open connections from one address (0: no limit of its own) */
 };
 
 /* Listens and serves until webStop. Returns the port, or -1 on failure (with a message on

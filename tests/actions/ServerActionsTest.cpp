@@ -322,12 +322,12 @@ TEST(SsoActionsTest, InitializeFailsWhenTheTransportIsUp) {
                                 "SsoActions: ERROR! CurlRequest initialization failed.\n"}));
     log.clear();
     SsoActions::destroy();
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                               "SsoActions: Start destroying sso environment.\n",
-                               "CurlRequest: Clean up.\n",
-                               "SsoRequest: WARNING! Curl was never initialized before.\n",
-                               "SsoServer: Cleaning server configs.\n",
-                               "SsoActions: Finish destroying sso environment.\n"}));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"SsoActions: Start destroying sso environment.\n",
+                                        "CurlRequest: Clean up.\n",
+                                        "SsoRequest: WARNING! Curl was never initialized before.\n",
+                                        "SsoServer: Cleaning server configs.\n",
+                                        "SsoActions: Finish destroying sso environment.\n"}));
 }
 
 TEST(SsoActionsTest, UserSession) {

@@ -57,8 +57,7 @@ LocalProvider::LocalProvider() {
     start({"node", "provider.js", "0"});
 }
 
-LocalProvider::LocalProvider(std::string const &certificate, std::string const &key,
-                             bool http2) {
+LocalProvider::LocalProvider(std::string const &certificate, std::string const &key, bool http2) {
     if (certificate.empty() || key.empty()) {
         error = TestCa::why();
         return;

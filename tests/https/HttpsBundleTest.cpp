@@ -19,7 +19,8 @@
 
 namespace {
 
-std::string const kUnknownIssuer = "SSL certificate problem: unable to get local issuer certificate";
+std::string const kUnknownIssuer =
+    "SSL certificate problem: unable to get local issuer certificate";
 std::string const kPeerFailed = "SSL peer certificate or SSH remote key was not OK";
 
 std::string readFile(std::string const &path) {
@@ -56,11 +57,10 @@ protected:
         revokingFront = std::make_unique<FailureServer>(TestCa::serverPem(), TestCa::serverKey());
         ASSERT_NE(revokingFront->port, 0);
         std::string const base = revokingFront->url();
-        std::string const document = "{\"issuer\":\"" + base + "\",\"authorization_endpoint\":\"" +
-                                     base + "/auth\",\"token_endpoint\":\"" + base +
-                                     "/token\",\"userinfo_endpoint\":\"" + base +
-                                     "/me\",\"revocation_endpoint\":\"" + late->url("/revoke") +
-                                     "\"}";
+        std::string const document =
+            "{\"issuer\":\"" + base + "\",\"authorization_endpoint\":\"" + base +
+            "/auth\",\"token_endpoint\":\"" + base + "/token\",\"userinfo_endpoint\":\"" + base +
+            "/me\",\"revocation_endpoint\":\"" + late->url("/revoke") + "\"}";
         revokingFront->on("/.well-known/openid-configuration", 200, document);
         revokingFront->on("/token", 200, LoginChannel::tokens("at-2", "it-2", "rt-2"));
         revokingFront->on("/me", 200, "{\"email\":\"bob@example.com\"}");
@@ -85,8 +85,8 @@ protected:
     // Loads configuration 0 with revocations at the late server, configuration 1 with the
     // flows' calls there.
     void loadFronts() {
-        TestMachine::server(LoginDriver::file(
-            {entryAt(*revokingFront, false), entryAt(*flowFront, true)}));
+        TestMachine::server(
+            LoginDriver::file({entryAt(*revokingFront, false), entryAt(*flowFront, true)}));
         host.send("SSO_LOAD_CONFIGS\n");
         ASSERT_EQ(host.readLine(30000), "SSO_LOAD_CONFIGS_OK\n");
     }
@@ -160,8 +160,8 @@ TEST_F(HttpsBundleTest, CaAddedToTheBundleIsTrustedFromTheNextConnectionOn) {
         SCOPED_TRACE("with the CA in the bundle");
         log.clear();
         std::string reply = verify(0);
-        EXPECT_EQ(reply, "SSO_VERIFY_OK|bob|000|" + std::to_string(kNow + 600) + "|" +
-                             lastSession + "\n")
+        EXPECT_EQ(reply,
+                  "SSO_VERIFY_OK|bob|000|" + std::to_string(kNow + 600) + "|" + lastSession + "\n")
             << log.text();
         EXPECT_TRUE(log.has("SsoRequest: Sso request success.\n"));
         reply = verify(1);

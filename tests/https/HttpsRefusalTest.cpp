@@ -25,9 +25,9 @@ struct BadCertificate {
     char const *problem;
 };
 
-BadCertificate const kUntrusted = {"FromAnUntrustedCa", &TestCa::untrustedPem,
-                                   &TestCa::untrustedKey,
-                                   "SSL certificate problem: unable to get local issuer certificate"};
+BadCertificate const kUntrusted = {
+    "FromAnUntrustedCa", &TestCa::untrustedPem, &TestCa::untrustedKey,
+    "SSL certificate problem: unable to get local issuer certificate"};
 BadCertificate const kOtherHost = {
     "ForAnotherHostName", &TestCa::otherHostPem, &TestCa::otherHostKey,
     "SSL: no alternative certificate subject name matches target host name '127.0.0.1'"};

@@ -62,15 +62,16 @@ protected:
 };
 
 TEST_F(WorldTest, TheProviderSpeaksHttp2AndHttp1OverTrustedTls) {
-    std::string discovery = LocalProvider::sharedHttps().baseUrl() + "/.well-known/openid-configuration";
+    std::string discovery =
+        LocalProvider::sharedHttps().baseUrl() + "/.well-known/openid-configuration";
     ASSERT_EQ(discovery.compare(0, 18, "https://127.0.0.1:"), 0) << discovery;
     Answer h2 = get(discovery, true);
     ASSERT_EQ(h2.result, CURLE_OK) << h2.error;
     EXPECT_EQ(h2.status, 200);
     EXPECT_EQ(h2.version, CURL_HTTP_VERSION_2_0);
-    EXPECT_NE(h2.body.find("\"token_endpoint\":\"" + LocalProvider::sharedHttps().baseUrl() +
-                           "/token\""),
-              std::string::npos)
+    EXPECT_NE(
+        h2.body.find("\"token_endpoint\":\"" + LocalProvider::sharedHttps().baseUrl() + "/token\""),
+        std::string::npos)
         << h2.body;
     Answer h1 = get(discovery, false);
     ASSERT_EQ(h1.result, CURLE_OK) << h1.error;
@@ -81,8 +82,9 @@ TEST_F(WorldTest, TheProviderSpeaksHttp2AndHttp1OverTrustedTls) {
 TEST_F(WorldTest, TheProxyTunnelsHttps) {
     ASSERT_TRUE(LocalProxy::shared().ready()) << LocalProxy::shared().error;
     int before = LocalProxy::shared().connections();
-    Answer answer = get(LocalProvider::sharedHttps().baseUrl() + "/.well-known/openid-configuration",
-                        true, LocalProxy::shared().url());
+    Answer answer =
+        get(LocalProvider::sharedHttps().baseUrl() + "/.well-known/openid-configuration", true,
+            LocalProxy::shared().url());
     ASSERT_EQ(answer.result, CURLE_OK) << answer.error;
     EXPECT_EQ(answer.status, 200);
     EXPECT_EQ(LocalProxy::shared().connections(), before + 1);

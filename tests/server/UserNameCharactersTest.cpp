@@ -15,13 +15,13 @@ struct Row {
     char const *what;
     std::string claim;  // the JSON text of the "email" member
     std::string userType;
-    std::string user;   // what the reader returns
+    std::string user;  // what the reader returns
 };
 
 TEST(UserNameCharactersTest, AControlCharacterAnywhereRefusesTheUser) {
     Row const rows[] = {
-        {"forged second reply", "\"evil@b.test\\nSSO_VERIFY_OK|admin|x|1|other-session\"",
-         "domain", ""},
+        {"forged second reply", "\"evil@b.test\\nSSO_VERIFY_OK|admin|x|1|other-session\"", "domain",
+         ""},
         {"line feed at the end", "\"ann@b.test\\n\"", "domain", ""},
         {"carriage return", "\"ann\\r@b.test\"", "domain", ""},
         {"NUL", "\"a\\u0000b@b.test\"", "domain", ""},

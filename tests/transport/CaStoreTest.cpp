@@ -12,14 +12,16 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <functional>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 
 namespace {
 
-size_t ignore(char *, size_t size, size_t count, void *) { return size * count; }
+size_t ignore(char *, size_t size, size_t count, void *) {
+    return size * count;
+}
 
 // The certificate that `server` shows, in PEM, read over a connection that checks nothing.
 std::string serverCertificate(FailureServer const &server) {
@@ -34,7 +36,7 @@ std::string serverCertificate(FailureServer const &server) {
         curl_certinfo *info = nullptr;
         curl_easy_getinfo(easy, CURLINFO_CERTINFO, &info);
         for (curl_slist *field = info != nullptr && info->num_of_certs > 0 ? info->certinfo[0]
-                                                                             : nullptr;
+                                                                           : nullptr;
              field != nullptr; field = field->next) {
             std::string text = field->data;
             if (text.compare(0, 5, "Cert:") == 0) {
@@ -49,9 +51,10 @@ std::string serverCertificate(FailureServer const &server) {
 // A certificate of a CA that signed nothing here, in PEM.
 std::string otherCertificate(std::string const &directory) {
     std::string path = directory + "/other.pem";
-    std::string command = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
-                          "-nodes -days 2 -subj /CN=other -keyout " +
-                          directory + "/other.key -out " + path + " >/dev/null 2>&1";
+    std::string command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+        "-nodes -days 2 -subj /CN=other -keyout " +
+        directory + "/other.key -out " + path + " >/dev/null 2>&1";
     if (std::system(command.c_str()) != 0) {
         return std::string();
     }
@@ -154,7 +157,9 @@ TEST_F(CaStoreTest, DiscoveryParsesItsBundleOnceAndStillRefusesAnUntrustedServer
     ASSERT_TRUE(network.init(CURL_GLOBAL_ALL));
     LogCapture log;
     expectRefusedWithOneParse(
-        [&] { return network.syncRequest(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr); },
+        [&] {
+            return network.syncRequest(HttpGet, server.url("/x").c_str(), {}, nullptr, nullptr);
+        },
         "/etc/ssl/certs/ca-certificates.crt");
     network.cleanUp();
     EXPECT_EQ(log.count("CurlRequest: Request completed with code: 60.\n"), 3u);

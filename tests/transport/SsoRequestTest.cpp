@@ -117,10 +117,10 @@ TEST_F(SsoRequestTest, ProxyOfAnotherSchemeIsRefused) {
         SCOPED_TRACE(row.proxy);
         LogCapture log;
         EXPECT_FALSE(network.validateArgs(HttpGet, "http://127.0.0.1:1/", row.proxy));
-        EXPECT_EQ(log.lines(), (Lines{"SsoRequest: Received url: 'http://127.0.0.1:1/' and proxy: '" +
-                                          std::string(row.proxy) +
-                                          "'for sso request validation.\n",
-                                      row.line}));
+        EXPECT_EQ(log.lines(),
+                  (Lines{"SsoRequest: Received url: 'http://127.0.0.1:1/' and proxy: '" +
+                             std::string(row.proxy) + "'for sso request validation.\n",
+                         row.line}));
     }
 }
 
@@ -153,11 +153,10 @@ TEST_F(SsoRequestTest, HeaderWithALineBreakIsRefusedBeforeAnyTransfer) {
         EXPECT_EQ(log.lines(),
                   (validated(url) +
                    Lines{"SsoRequest: URL for sso request handler: '" + url + "'.\n",
-                            "SsoRequest: Header for sso request handler is: 'X-Good: 1'.\n",
-                            "SsoRequest: Header for sso request handler is: '" + row.header +
-                                "'.\n",
-                            "SsoRequest: ERROR! Header has CRLF/LF.\n",
-                            "SsoRequest: ERROR! Setting headers for sso request handler failed.\n"}));
+                         "SsoRequest: Header for sso request handler is: 'X-Good: 1'.\n",
+                         "SsoRequest: Header for sso request handler is: '" + row.header + "'.\n",
+                         "SsoRequest: ERROR! Header has CRLF/LF.\n",
+                         "SsoRequest: ERROR! Setting headers for sso request handler failed.\n"}));
         // The body would only come back after the server had recorded the request.
         EXPECT_TRUE(server.requests().empty());
     }
@@ -179,11 +178,10 @@ TEST_F(SsoRequestTest, GetIgnoresTheBody) {
     std::string url = server.url("/me");
     LogCapture log;
     EXPECT_EQ(get(url, {}, "a=1&b=2"), "{\"sub\":\"1\"}");
-    EXPECT_EQ(log.lines(),
-              (validated(url, "a=1&b=2") +
-               Lines{"SsoRequest: URL for sso request handler: '" + url + "'.\n",
-                        "SsoRequest: Start sso request with data: 'a=1&b=2'.\n",
-                        "SsoRequest: Sso request success.\n"}));
+    EXPECT_EQ(log.lines(), (validated(url, "a=1&b=2") +
+                            Lines{"SsoRequest: URL for sso request handler: '" + url + "'.\n",
+                                  "SsoRequest: Start sso request with data: 'a=1&b=2'.\n",
+                                  "SsoRequest: Sso request success.\n"}));
     auto requests = server.requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "GET");
@@ -211,25 +209,24 @@ TEST_F(SsoRequestTest, PostGoesThroughTheLocalProxy) {
     std::string url = server.url("/token");
     int before = proxy.connections();
     LogCapture log;
-    EXPECT_EQ(network.request(HttpPost, url.c_str(),
-                              {"Content-Type: application/x-www-form-urlencoded"},
-                              "grant_type=refresh_token&refresh_token=r", proxy.url().c_str()),
-              "{\"access_token\":\"t\"}");
-    EXPECT_EQ(proxy.connections(), before + 1);
     EXPECT_EQ(
-        log.lines(),
-        (Lines{"SsoRequest: Received data for sso request: "
-               "'grant_type=refresh_token&refresh_token=r'.\n",
-               "SsoRequest: Received url: '" + url + "' and proxy: '" + proxy.url() +
-                   "'for sso request validation.\n",
-               "SsoRequest: Sso request validation success.\n",
-               "SsoRequest: URL for sso request handler: '" + url + "'.\n",
-               "SsoRequest: Header for sso request handler is: 'Content-Type: "
-               "application/x-www-form-urlencoded'.\n",
-               "SsoRequest: Proxy for sso request handler: '" + proxy.url() + "'.\n",
-               "SsoRequest: Start sso request with data: "
-               "'grant_type=refresh_token&refresh_token=r'.\n",
-               "SsoRequest: Sso request success.\n"}));
+        network.request(HttpPost, url.c_str(), {"Content-Type: application/x-www-form-urlencoded"},
+                        "grant_type=refresh_token&refresh_token=r", proxy.url().c_str()),
+        "{\"access_token\":\"t\"}");
+    EXPECT_EQ(proxy.connections(), before + 1);
+    EXPECT_EQ(log.lines(),
+              (Lines{"SsoRequest: Received data for sso request: "
+                     "'grant_type=refresh_token&refresh_token=r'.\n",
+                     "SsoRequest: Received url: '" + url + "' and proxy: '" + proxy.url() +
+                         "'for sso request validation.\n",
+                     "SsoRequest: Sso request validation success.\n",
+                     "SsoRequest: URL for sso request handler: '" + url + "'.\n",
+                     "SsoRequest: Header for sso request handler is: 'Content-Type: "
+                     "application/x-www-form-urlencoded'.\n",
+                     "SsoRequest: Proxy for sso request handler: '" + proxy.url() + "'.\n",
+                     "SsoRequest: Start sso request with data: "
+                     "'grant_type=refresh_token&refresh_token=r'.\n",
+                     "SsoRequest: Sso request success.\n"}));
     auto requests = server.requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "POST");
@@ -261,8 +258,9 @@ TEST_F(SsoRequestTest, RefusedConnectionReportsLibcurlsMessage) {
     EXPECT_EQ(get("http://127.0.0.1:1/me"), "");
     auto lines = log.lines();
     ASSERT_FALSE(lines.empty());
-    EXPECT_TRUE(startsWith(lines.back(), "SsoRequest: ERROR! Sso request failed. CURL error "
-                                         "message: 'Failed to connect to 127.0.0.1 port 1"))
+    EXPECT_TRUE(startsWith(lines.back(),
+                           "SsoRequest: ERROR! Sso request failed. CURL error "
+                           "message: 'Failed to connect to 127.0.0.1 port 1"))
         << lines.back();
 }
 
@@ -318,10 +316,10 @@ TEST(SsoRequestLifecycleTest, InitTwiceAndInvalidFlags) {
     EXPECT_FALSE(network.init(CURL_GLOBAL_ALL));
     EXPECT_TRUE(network.initialized);
     EXPECT_EQ(network.errorBuffer, buffer);
-    EXPECT_EQ(log.lines(), (Lines{"SsoRequest: ERROR! Curl initialization flag invalid.\n",
-                                  "SsoRequest: ERROR! Curl initialization flag invalid.\n",
-                                  initLine(),
-                                  "SsoRequest: ERROR! Attempting to initialze libcurl twice.\n"}));
+    EXPECT_EQ(log.lines(),
+              (Lines{"SsoRequest: ERROR! Curl initialization flag invalid.\n",
+                     "SsoRequest: ERROR! Curl initialization flag invalid.\n", initLine(),
+                     "SsoRequest: ERROR! Attempting to initialze libcurl twice.\n"}));
 }
 
 TEST(SsoRequestLifecycleTest, InitAfterCleanUpWorksLikeTheFirstTime) {
@@ -341,8 +339,9 @@ TEST(SsoRequestLifecycleTest, InitAfterCleanUpWorksLikeTheFirstTime) {
         auto lines = log.lines();
         ASSERT_FALSE(lines.empty());
         EXPECT_EQ(lines.front(), initLine());
-        EXPECT_TRUE(startsWith(lines.back(), "SsoRequest: ERROR! Sso request failed. CURL error "
-                                             "message: 'Failed to connect to 127.0.0.1 port 1"))
+        EXPECT_TRUE(startsWith(lines.back(),
+                               "SsoRequest: ERROR! Sso request failed. CURL error "
+                               "message: 'Failed to connect to 127.0.0.1 port 1"))
             << lines.back();
         log.clear();
         network.cleanUp();

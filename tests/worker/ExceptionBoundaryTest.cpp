@@ -74,7 +74,8 @@ TEST_F(ExceptionBoundaryTest, AWriteCallbackThatThrowsFailsItsTransferAndItsFlow
         "CurlRequest: ERROR! Failed to store response: 'std::bad_alloc'.\n",
         "CurlRequest: Transfer completed, HTTP 200.\n",
         "CurlRequest: ERROR! Curl error: Failed writing received data to disk/application.\n",
-        "Sso: Async flow failed: 'Curl error: Failed writing received data to disk/application' HTTP: 200.\n",
+        "Sso: Async flow failed: 'Curl error: Failed writing received data to disk/application' "
+        "HTTP: 200.\n",
     })) << log.text();
     // The next login reads its answer as usual.
     host.send(nodeVerify("s-after"));
@@ -93,9 +94,8 @@ TEST_F(ExceptionBoundaryTest, EngineCallbacksThatThrowAreCaughtUpOnTheNextTurn) 
         EXPECT_EQ(host.readLine(10000), "SSO_NODE_VERIFY_OK|ann|s-callback\n") << log.text();
         EXPECT_EQ(host.repliesBeforeFence(), "");
         std::string const what = where == "CurlRequest socket" ? "Socket" : "Timer";
-        EXPECT_EQ(log.count("CurlRequest: ERROR! " + what +
-                            " callback failed: 'std::bad_alloc'.\n"),
-                  1u)
+        EXPECT_EQ(
+            log.count("CurlRequest: ERROR! " + what + " callback failed: 'std::bad_alloc'.\n"), 1u)
             << log.text();
         host.stop();
     }
@@ -113,9 +113,21 @@ TEST_F(ExceptionBoundaryTest, EveryExportAnswersWithItsFailureValue) {
         {"SsoLoginUrl", [] { return SsoLoginUrl("a|b|c|d|e") == nullptr; }},
         {"SsoLogin", [] { return SsoLogin("a|b|c|d|e", [](char const *) {}) == -1; }},
         {"SsoInitialize", [this] { return SsoInitialize(host.libraryFd) == -1; }},
-        {"SsoDestroy", [] { SsoDestroy(); return true; }},
-        {"TimedOperations", [] { TimedOperations(); return true; }},
-        {"SsoSetLogCallback", [] { SsoSetLogCallback(nullptr, nullptr); return true; }},
+        {"SsoDestroy",
+         [] {
+             SsoDestroy();
+             return true;
+         }},
+        {"TimedOperations",
+         [] {
+             TimedOperations();
+             return true;
+         }},
+        {"SsoSetLogCallback",
+         [] {
+             SsoSetLogCallback(nullptr, nullptr);
+             return true;
+         }},
         {"loop", [none] { return loop(none) == nullptr; }},
     };
     for (auto const &row : rows) {
@@ -125,9 +137,9 @@ TEST_F(ExceptionBoundaryTest, EveryExportAnswersWithItsFailureValue) {
         log.clear();
         EXPECT_TRUE(row.failed());
         EXPECT_FALSE(armed->load());
-        EXPECT_EQ(log.lines(), std::vector<std::string>{"Sso: ERROR! Function '" +
-                                                        std::string(row.name) +
-                                                        "' failed: 'std::bad_alloc'.\n"});
+        EXPECT_EQ(log.lines(),
+                  std::vector<std::string>{"Sso: ERROR! Function '" + std::string(row.name) +
+                                           "' failed: 'std::bad_alloc'.\n"});
     }
     PlatformFakes::allocation() = nullptr;
     // The log callback stayed in place (its setter threw before it changed anything).

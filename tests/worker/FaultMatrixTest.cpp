@@ -138,7 +138,9 @@ using Row = std::tuple<std::string, Fault>;
 
 class FaultMatrixTest : public ::testing::TestWithParam<Row> {
 protected:
-    void SetUp() override { PlatformFakes::clock() = [] { return kNow; }; }
+    void SetUp() override {
+        PlatformFakes::clock() = [] { return kNow; };
+    }
     void TearDown() override {
         host.stop();
         endpoints.reset();

@@ -139,9 +139,10 @@ TEST_F(HostMisuseTest, DestroyWithFlowsInFlightReturnsAtOnceAndAStartAfterItWork
                   std::to_string(i) + "\n");
     }
     for (int i = 0; i < 5; ++i) {
-        ASSERT_TRUE(log.waitFor("Sso: Started async node verify flow successfully for user "
-                                "session: 's-" +
-                                std::to_string(i) + "'.\n"))
+        ASSERT_TRUE(
+            log.waitFor("Sso: Started async node verify flow successfully for user "
+                        "session: 's-" +
+                        std::to_string(i) + "'.\n"))
             << log.text();
     }
     auto begin = std::chrono::steady_clock::now();
@@ -213,8 +214,7 @@ TEST_P(HostExitTest, ProcessEndsCleanlyWithoutSsoDestroy) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ExitAndReturn, HostExitTest,
-                         ::testing::Combine(::testing::Values("exit", "return"),
-                                            ::testing::Bool()),
+                         ::testing::Combine(::testing::Values("exit", "return"), ::testing::Bool()),
                          [](::testing::TestParamInfo<std::tuple<std::string, bool>> const &info) {
                              return std::get<0>(info.param) +
                                     (std::get<1>(info.param) ? "_FlowsInFlight" : "_Idle");

@@ -50,8 +50,7 @@ protected:
     void startServer() {
         LoginDriver::Entry entry = LoginChannel::entryFor(idp, "keycloak");
         entry.userType = "domain";
-        ASSERT_EQ(LoginChannel::startServer(host, {entry}), "SSO_LOAD_CONFIGS_OK\n")
-            << log.text();
+        ASSERT_EQ(LoginChannel::startServer(host, {entry}), "SSO_LOAD_CONFIGS_OK\n") << log.text();
     }
 
     // On the blocking road, a background flow for `session` that never ends keeps the
@@ -120,20 +119,22 @@ TEST_P(HostileUserTest, NodeVerifyFails) {
     ASSERT_EQ(host.start(), 0);
     std::string const session = "hostile-node";
     holdForBlockingRoad(session);
-    expectRefused("SSO_NODE_VERIFY|{\"access_token\":\"at-1\",\"provider\":\"keycloak\","
-                  "\"qx_user_type\":\"domain\",\"userinfo_uri\":\"" +
-                      idp.url("/me") + "\"}|" + session + "\n",
-                  "SSO_NODE_VERIFY_FAILURE|" + session + "\n", session);
+    expectRefused(
+        "SSO_NODE_VERIFY|{\"access_token\":\"at-1\",\"provider\":\"keycloak\","
+        "\"qx_user_type\":\"domain\",\"userinfo_uri\":\"" +
+            idp.url("/me") + "\"}|" + session + "\n",
+        "SSO_NODE_VERIFY_FAILURE|" + session + "\n", session);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EveryRoad, HostileUserTest,
-    ::testing::Combine(::testing::Values(Road::Background, Road::Blocking),
-                       ::testing::Values(forging, cutting)),
-    [](::testing::TestParamInfo<std::tuple<Road, std::string>> const &info) {
-        return std::string(std::get<0>(info.param) == Road::Blocking ? "Blocking" : "Background") +
-               (std::get<1>(info.param) == forging ? "LineBreak" : "Nul");
-    });
+INSTANTIATE_TEST_SUITE_P(EveryRoad, HostileUserTest,
+                         ::testing::Combine(::testing::Values(Road::Background, Road::Blocking),
+                                            ::testing::Values(forging, cutting)),
+                         [](::testing::TestParamInfo<std::tuple<Road, std::string>> const &info) {
+                             return std::string(std::get<0>(info.param) == Road::Blocking
+                                                    ? "Blocking"
+                                                    : "Background") +
+                                    (std::get<1>(info.param) == forging ? "LineBreak" : "Nul");
+                         });
 
 TEST(HostileUserNamesTest, BarsAndUtf8StillLogIn) {
     LogCapture log;

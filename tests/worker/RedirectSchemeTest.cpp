@@ -78,13 +78,11 @@ TEST_F(RedirectSchemeTest, TheBackgroundRoadRefusesAnEndpointOfAnotherScheme) {
         std::string tokenEndpoint;
         std::string userinfoEndpoint;
     };
-    std::string const ftpToken =
-        "ftp://127.0.0.1:" + std::to_string(elsewhere.port) + "/token";
+    std::string const ftpToken = "ftp://127.0.0.1:" + std::to_string(elsewhere.port) + "/token";
     for (Row const &row : {Row{ftpToken, elsewhere.url("/me")},
                            Row{elsewhere.url("/token"), "file:///etc/hostname"}}) {
         SCOPED_TRACE(row.tokenEndpoint + " " + row.userinfoEndpoint);
-        idp.on("/.well-known/openid-configuration",
-               200,
+        idp.on("/.well-known/openid-configuration", 200,
                "{\"issuer\":\"" + idp.url() + "\",\"authorization_endpoint\":\"" +
                    idp.url("/auth") + "\",\"token_endpoint\":\"" + row.tokenEndpoint +
                    "\",\"userinfo_endpoint\":\"" + row.userinfoEndpoint +
@@ -94,7 +92,8 @@ TEST_F(RedirectSchemeTest, TheBackgroundRoadRefusesAnEndpointOfAnotherScheme) {
         EXPECT_EQ(host.repliesBeforeFence(), "");
         EXPECT_TRUE(log.has("CurlRequest: ERROR! Curl error: Unsupported protocol.\n"))
             << log.text();
-        EXPECT_TRUE(log.has("Sso: Async flow failed: 'Curl error: Unsupported protocol' HTTP: 0.\n"))
+        EXPECT_TRUE(
+            log.has("Sso: Async flow failed: 'Curl error: Unsupported protocol' HTTP: 0.\n"))
             << log.text();
         EXPECT_FALSE(log.contains("Falling back to sync path"));
         // The ftp URL names the other server's port: nothing ever connected to it. The file

@@ -70,8 +70,7 @@ INSTANTIATE_TEST_SUITE_P(
                    "SSO_GET_CONFIG_CLUSTER_FAILURE|s-3\n"},
         CommandRow{"SSO_VERIFY|code|s-4\n", "SSO_VERIFY", "SSO_VERIFY_FAILURE|s-4\n"},
         CommandRow{"SSO_REFRESH|uuid|s-5\n", "SSO_REFRESH", "SSO_REFRESH_FAILURE|s-5\n"},
-        CommandRow{"SSO_NODE_VERIFY|{}|s-6\n", "SSO_NODE_VERIFY",
-                   "SSO_NODE_VERIFY_FAILURE|s-6\n"},
+        CommandRow{"SSO_NODE_VERIFY|{}|s-6\n", "SSO_NODE_VERIFY", "SSO_NODE_VERIFY_FAILURE|s-6\n"},
         // No failure line: an id below 1 and a name the worker does not know get no reply.
         CommandRow{"SSO_GET_CONFIG|-5|s-7\n", "SSO_GET_CONFIG", ""},
         CommandRow{"SSO_UNKNOWN|a|b\n", "SSO_UNKNOWN", ""}));
@@ -89,7 +88,6 @@ TEST_P(ThrowingTurnStepTest, IsLoggedAndTheWorkerGoesOn) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryStep, ThrowingTurnStepTest,
-                         ::testing::Values("Housekeeping", "Transfers",
-                                           "Drain of finished flows"));
+                         ::testing::Values("Housekeeping", "Transfers", "Drain of finished flows"));
 
 }  // namespace

@@ -43,7 +43,9 @@ bool startsWith(std::string const &text, std::string const &prefix) {
 
 class WrongTypeRoadsTest : public ::testing::Test {
 protected:
-    void SetUp() override { PlatformFakes::clock() = [] { return kNow; }; }
+    void SetUp() override {
+        PlatformFakes::clock() = [] { return kNow; };
+    }
     void TearDown() override {
         host.stop();
         SsoServer::getServer().clearConfigs();
@@ -64,10 +66,10 @@ protected:
 
 struct TokenRow {
     char const *what;
-    bool refresh;            // the refresh grant, else the code exchange
-    std::string answer;      // of the token endpoint
-    std::string field;       // the background road's wrong-typed field, "" when it goes on
-    std::string blocking;    // the blocking road's line, "" when it goes on
+    bool refresh;          // the refresh grant, else the code exchange
+    std::string answer;    // of the token endpoint
+    std::string field;     // the background road's wrong-typed field, "" when it goes on
+    std::string blocking;  // the blocking road's line, "" when it goes on
 };
 
 TEST_F(WrongTypeRoadsTest, TokenAnswersOnBothRoads) {
@@ -120,9 +122,9 @@ TEST_F(WrongTypeRoadsTest, TokenAnswersOnBothRoads) {
         SCOPED_TRACE(row.what);
         std::string const word = row.refresh ? "SSO_REFRESH_" : "SSO_VERIFY_";
         for (bool blocking : {false, true}) {
-            std::string const session = LoginChannel::session(
-                std::string(blocking ? "bl" : "bg") + (row.refresh ? "-value-" : "-session-") +
-                std::to_string(id));
+            std::string const session =
+                LoginChannel::session(std::string(blocking ? "bl" : "bg") +
+                                      (row.refresh ? "-value-" : "-session-") + std::to_string(id));
             if (!row.refresh) {
                 host.send("SSO_GET_CONFIG|" + std::to_string(id) + "|" + session + "\n");
                 ASSERT_TRUE(startsWith(host.readLine(), "SSO_GET_CONFIG_OK|"));
@@ -144,18 +146,17 @@ TEST_F(WrongTypeRoadsTest, TokenAnswersOnBothRoads) {
                 EXPECT_FALSE(log.contains("has a value of a wrong type")) << log.text();
             }
             if (!blocking && fails) {
-                std::string const result =
-                    "Field '" + row.field + "' has a value of a wrong type";
+                std::string const result = "Field '" + row.field + "' has a value of a wrong type";
                 EXPECT_TRUE(log.hasInOrder({
                     expectedLine,
                     "CurlRequest: ERROR! '" + result + "' HTTP: 200.\n",
                     "Sso: Async flow failed: '" + result + "' HTTP: 200.\n",
                 })) << log.text();
             }
-            EXPECT_EQ(log.count("Sso: Executing sync " +
-                                std::string(row.refresh ? "refresh" : "verify") +
-                                " login for user session: '" + session + "'.\n"),
-                      blocking ? 1u : 0u);
+            EXPECT_EQ(
+                log.count("Sso: Executing sync " + std::string(row.refresh ? "refresh" : "verify") +
+                          " login for user session: '" + session + "'.\n"),
+                blocking ? 1u : 0u);
             if (blocking) {
                 release(session);
             }

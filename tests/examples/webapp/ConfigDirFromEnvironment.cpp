@@ -26,4 +26,4 @@ struct ConfigDirFromEnvironment {
 
 ConfigDirFromEnvironment const hook;
 
-}
+}  // namespace

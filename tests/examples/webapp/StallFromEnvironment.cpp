@@ -4,12 +4,12 @@
 // a worker that no longer answers from one that does.
 #include "platform/PlatformFakes.h"
 
+#include <unistd.h>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -33,4 +33,4 @@ struct StallFromEnvironment {
 
 StallFromEnvironment const hook;
 
-}
+}  // namespace

@@ -46,8 +46,7 @@ bool answered(int fd, std::string const &session) {
         return false;
     }
     std::string reply = readLine(fd);
-    return reply.compare(0, 19, "SSO_GET_NODE_CONFIG") == 0 &&
-           reply.size() > session.size() + 2 &&
+    return reply.compare(0, 19, "SSO_GET_NODE_CONFIG") == 0 && reply.size() > session.size() + 2 &&
            reply.compare(reply.size() - session.size() - 2, session.size() + 2,
                          "|" + session + "\n") == 0;
 }

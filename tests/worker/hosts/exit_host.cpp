@@ -94,8 +94,7 @@ int main(int argc, char **argv) {
         for (int i = 0; i < 3; ++i) {
             std::string line = "SSO_NODE_VERIFY|{\"provider\":\"keycloak\",\"userinfo_uri\":\"" +
                                std::string(argv[3]) + "\",\"access_token\":\"t-" +
-                               std::to_string(i) +
-                               "\",\"qx_user_type\":\"local\"}|exit-session-" +
+                               std::to_string(i) + "\",\"qx_user_type\":\"local\"}|exit-session-" +
                                std::to_string(i) + "\n";
             if (!sendLine(ends[0], line)) {
                 return 5;
