@@ -13,6 +13,8 @@ packages+=(libmicrohttpd-dev chromium)
 packages+=(haproxy)
 # The login benchmark's charts.
 packages+=(gnuplot-nox)
+# The layout check of the test command (scripts/check-format.sh).
+packages+=(clang-format)
 scripts/install-packages.sh "${packages[@]}"
 
 # The local identity provider, failure server and proxy that the tests start.

@@ -3,10 +3,11 @@
 # UndefinedBehaviorSanitizer) and runs the whole test suite in both builds: the test programs
 # side by side (one per core), each with its tests in a shuffled order. The shuffle seed is
 # QXSS_TEST_SEED when set, else a new one; it is printed, so that an order that failed can be
-# run again.
+# run again. The layout of every C and C++ file is checked first, since it takes a second.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
+scripts/check-format.sh
 
 jobs=$(nproc)
 seed=${QXSS_TEST_SEED:-$((RANDOM % 99999 + 1))}
