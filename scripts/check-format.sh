@@ -9,7 +9,13 @@ command -v clang-format >/dev/null || { echo "check-format: clang-format is not 
 if [ $# -gt 0 ]; then
     files=("$@")
 else
-    mapfile -t files < <(git ls-files '*.c' '*.h' '*.cpp' ':!:tests/fuzz/corpus/*')
+    if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+        mapfile -t files < <(git ls-files '*.c' '*.h' '*.cpp' ':!:tests/fuzz/corpus/*')
+    else
+        # An unpacked source archive: every such file outside build folders and node_modules.
+        mapfile -t files < <(find . \( -name 'build*' -o -name node_modules -o -path ./tests/fuzz/corpus \) \
+            -prune -o \( -name '*.c' -o -name '*.h' -o -name '*.cpp' \) -type f -print | sed 's|^\./||' | sort)
+    fi
 fi
 differ=()
 for file in "${files[@]}"; do
