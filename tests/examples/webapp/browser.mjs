@@ -554,7 +554,8 @@ async function underTightLimits(browser, base, app) {
   await signIn(alice, origin, 'alice');
   const signedInAt = Date.now();
   await screenshot(alice, 'signed-in-during-flood');
-  check(/Signed in as alice/.test(await text(alice)), 'alice signs in from 127.0.0.1 during the flood');
+  const aliceText = await text(alice);
+  check(/Signed in as alice/.test(aliceText), 'alice signs in from 127.0.0.1 during the flood', aliceText);
 
   // Eight sign-ins may be under way: the flood holds five, bob starts one, 127.0.0.3 two.
   const bobContext = await browser.createBrowserContext();
