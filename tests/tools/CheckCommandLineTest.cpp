@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -63,6 +64,40 @@ TEST_F(CheckToolTest, VerboseShowsTheWholeLogOnStandardError) {
     EXPECT_NE(run.err.find("SsoServer: Added config with ID: 0\n"), std::string::npos);
     ToolRun quiet = runCheck({"--offline", file});
     EXPECT_EQ(quiet.err, "");
+}
+
+TEST_F(CheckToolTest, UsageErrorsOfTheWholeLine) {
+    struct Row {
+        std::vector<std::string> arguments;
+        std::string error;
+    };
+    std::string file = write("u.cfg", {entry("Corp", "keycloak", "https://idp.example")});
+    std::vector<Row> const rows = {
+        {{file, file}, "one configuration file at a time"},
+        {{""}, "the file name is empty"},
+        {{"--login", "0", "--offline", file}, "--offline does not go with --login"},
+        {{"--login", "0", "--json", file}, "--json does not go with --login"},
+        {{"--show-secrets", file}, "--show-secrets goes with --login only"},
+        {{"--timeout", "5", file}, "--timeout goes with --login only"},
+        {{"--road", "x", file}, "--road takes 'flow' or 'blocking', not 'x'"},
+    };
+    for (Row const &row : rows) {
+        ToolRun run = runCheck(row.arguments);
+        EXPECT_EQ(run.status, 2) << row.error;
+        EXPECT_EQ(run.out, "") << row.error;
+        EXPECT_EQ(run.err, "qxss-check: " + row.error + "\nTry 'qxss-check --help'.\n");
+    }
+}
+
+TEST_F(CheckToolTest, OfflineVerdictCountsTheProvidersAndSaysDiscoveryWasNotTried) {
+    std::string file = write("o.cfg", {entry("Corp", "keycloak", "https://idp.example"),
+                                       entry("Other", "okta", "https://okta.example")});
+    ToolRun run = runCheck({"--offline", file});
+    EXPECT_EQ(run.status, 0) << run.out << run.err;
+    EXPECT_NE(run.out.find("\nResult: The file passes validation (2 OAuth provider(s)); discovery "
+                           "was not tried (--offline).\n"),
+              std::string::npos)
+        << run.out;
 }
 
 }  // namespace
