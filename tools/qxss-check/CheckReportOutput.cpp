@@ -2,6 +2,8 @@
 
 #include "tools/qxss-check/TextEscape.h"
 
+#include "support/ConfigKeys.h"
+
 #include <json/value.h>
 #include <json/writer.h>
 
@@ -62,13 +64,13 @@ void providerText(std::ostringstream &out, ProviderReport const &provider) {
     field(out, "kind", provider.type + ", " + provider.provider);
     remarks(out, "note", provider.notes, "  ");
     if (provider.served) {
-        field(out, "idp_domain", provider.idpDomain);
-        field(out, "client_id", provider.clientId);
+        field(out, ConfigKeys::idpDomain, provider.idpDomain);
+        field(out, ConfigKeys::clientId, provider.clientId);
         std::string uris;
         for (std::string const &uri : provider.redirectUris) {
             uris += (uris.empty() ? "" : " ") + uri;
         }
-        field(out, "redirect_uris", uris);
+        field(out, ConfigKeys::redirectUris, uris);
         field(out, "user type",
               provider.userType + (provider.userName.empty()
                                        ? ""
@@ -141,11 +143,11 @@ Json::Value providerJson(ProviderReport const &provider) {
     item["provider"] = provider.provider;
     item["served"] = provider.served;
     if (provider.served) {
-        item["idp_domain"] = provider.idpDomain;
-        item["client_id"] = provider.clientId;
-        item["redirect_uris"] = Json::Value(Json::arrayValue);
+        item[ConfigKeys::idpDomain] = provider.idpDomain;
+        item[ConfigKeys::clientId] = provider.clientId;
+        item[ConfigKeys::redirectUris] = Json::Value(Json::arrayValue);
         for (std::string const &uri : provider.redirectUris) {
-            item["redirect_uris"].append(uri);
+            item[ConfigKeys::redirectUris].append(uri);
         }
         item["user_type"] = provider.userType;
         item["user_name"] = provider.userName;

@@ -10,6 +10,7 @@
 #include "platform/Url.h"
 #include "server/SsoServer.h"
 #include "server/SsoServerConfigOAuth.h"
+#include "support/ConfigKeys.h"
 #include "support/SsoJson.h"
 #include "support/SsoUtils.h"
 #include "transport/CurlRequest.h"
@@ -27,8 +28,6 @@
 #include <string>
 
 namespace {
-
-char const kFileName[] = "sso.cfg";
 
 std::string baseName(std::string const &path) {
     size_t slash = path.find_last_of('/');
@@ -63,13 +62,13 @@ std::vector<ProviderReport> entriesOf(std::string const &path, LogCollector &log
     for (auto const &entry : root) {
         ProviderReport report;
         report.id = id++;
-        report.name = textOf(entry, "name");
-        report.desc = textOf(entry, "desc");
-        report.type = textOf(entry, "type");
-        report.provider = textOf(entry, "provider");
+        report.name = textOf(entry, ConfigKeys::name);
+        report.desc = textOf(entry, ConfigKeys::desc);
+        report.type = textOf(entry, ConfigKeys::type);
+        report.provider = textOf(entry, ConfigKeys::provider);
         Json::Value const &config =
-            entry.isObject() ? entry["config"] : Json::Value::nullSingleton();
-        report.userinfoFromFile = config.isObject() && config.isMember("userinfo_uri");
+            entry.isObject() ? entry[ConfigKeys::config] : Json::Value::nullSingleton();
+        report.userinfoFromFile = config.isObject() && config.isMember(ConfigKeys::userinfoUri);
         entries.push_back(report);
     }
     return entries;
@@ -114,9 +113,9 @@ std::string discoveryUrlIn(std::vector<std::string> const &statements) {
 // reply to SSO_GET_CONFIG carries it), turned into login data and then into the provider's
 // URL by the client side. Empty on failure; the log says why.
 std::string authorizationUrlFor(SsoServer &server, int32_t id) {
-    std::string session = getRandomAsciiString(32);
-    std::string state = getRandomAsciiString(32);
-    std::string nonce = getRandomAsciiString(32);
+    std::string session = getRandomAsciiString(SsoActions::kUserSessionLength);
+    std::string state = getRandomAsciiString(SsoActions::kUserSessionLength);
+    std::string nonce = getRandomAsciiString(SsoActions::kUserSessionLength);
     if (session.empty() || state.empty() || nonce.empty()) {
         return "";
     }
@@ -199,7 +198,7 @@ bool openPlace(ConfigPlace &place, std::string const &given, CheckReport &report
 bool validateFile(SsoServer &server, bool offline, LogCollector &log, CheckReport &report) {
     size_t mark = log.mark();
     bool typed = server.setMachineType();
-    if (!typed || server.machineType != 0) {
+    if (!typed || server.machineType != SsoServer::kMachineServer) {
         addProblems(report.problems, log.since(mark));
         report.verdict = "The library would not take this machine for a server with this file.";
         return false;
@@ -219,11 +218,11 @@ bool validateFile(SsoServer &server, bool offline, LogCollector &log, CheckRepor
 // the library made none.
 std::vector<SsoServerConfigOAuth *> collectEntries(SsoServer &server, LogCollector &log,
                                                    CheckReport &report) {
-    report.providers = entriesOf(server.configPath + "/" + kFileName, log);
+    report.providers = entriesOf(server.configPath + "/" + ConfigKeys::fileName, log);
     std::vector<SsoServerConfigOAuth *> records(report.providers.size(), nullptr);
     for (SsoServerConfig *config : server.configs) {
-        if (config == nullptr || config->getLoginType() != 0 || config->configId < 0 ||
-            static_cast<size_t>(config->configId) >= records.size()) {
+        if (config == nullptr || config->getLoginType() != SsoServerConfig::kLoginTypeOAuth ||
+            config->configId < 0 || static_cast<size_t>(config->configId) >= records.size()) {
             continue;
         }
         auto *record = static_cast<SsoServerConfigOAuth *>(config);
@@ -418,7 +417,7 @@ bool ConfigPlace::open(std::string const &given, std::string &error) {
     }
     if (S_ISDIR(info.st_mode)) {
         path = (path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path) +
-               "/" + kFileName;
+               "/" + ConfigKeys::fileName;
         if (::stat(path.c_str(), &info) != 0) {
             error = path + ": " + std::strerror(errno);
             return false;
@@ -429,7 +428,7 @@ bool ConfigPlace::open(std::string const &given, std::string &error) {
         return false;
     }
     found = true;
-    if (baseName(path) == kFileName) {
+    if (baseName(path) == ConfigKeys::fileName) {
         directory = directoryOf(path);
         return true;
     }
@@ -447,7 +446,7 @@ bool ConfigPlace::open(std::string const &given, std::string &error) {
         return false;
     }
     linkDirectory_ = name.data();
-    std::string link = linkDirectory_ + "/" + kFileName;
+    std::string link = linkDirectory_ + "/" + ConfigKeys::fileName;
     if (::symlink(resolved, link.c_str()) != 0) {
         error = "cannot link the file into " + linkDirectory_ + ": " + std::strerror(errno);
         return false;

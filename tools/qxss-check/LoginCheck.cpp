@@ -346,8 +346,8 @@ SsoServerConfigOAuth const *askClientConfig(std::string const &loginId, std::str
 // when the client side could not build it. `mark` is where the statements of this login began.
 bool showAuthorizationUrl(std::string const &clientConfig, std::string const &session,
                           std::string &state, size_t mark, LogCollector &log, LoginReport &report) {
-    state = getRandomAsciiString(32);
-    std::string nonce = getRandomAsciiString(32);
+    state = getRandomAsciiString(SsoActions::kUserSessionLength);
+    std::string nonce = getRandomAsciiString(SsoActions::kUserSessionLength);
     std::string url = authorizationUrlFrom(clientConfig, session, state, nonce);
     if (url.empty()) {
         printProblems(report, log.since(mark));
