@@ -2,8 +2,8 @@
 // Prints figures. Only the replies that were asked for count: each must be the success line of
 // its own command, in order; a failure line or a missing reply is reported and fails the run.
 #include "server/SsoServer.h"
-#include "server/SsoServerConfigOAuth.h"
 #include "tests/harness/FailureServer.h"
+#include "tests/harness/ProviderRecord.h"
 #include "tests/harness/TestMachine.h"
 #include "tests/harness/WorkerHost.h"
 #include "worker/libqxss.h"
@@ -125,13 +125,11 @@ int measureThroughput(WorkerHost &host, int commands) {
 // and returns how many were stored.
 size_t measurePending(int pending) {
     SsoServer server;
-    auto *config = new SsoServerConfigOAuth();
-    config->configId = 0;
-    config->provider = "keycloak";
-    config->authUri = "https://idp.example.com/realms/corp/protocol/openid-connect/auth";
-    config->clientId = "cid";
-    config->redirectUris = {"https://app.example.com/sso/callback"};
-    server.configs.push_back(config);
+    ProviderRecord("keycloak")
+        .authAt("https://idp.example.com/realms/corp/protocol/openid-connect/auth")
+        .client("cid")
+        .redirects({"https://app.example.com/sso/callback"})
+        .addTo(server);
     malloc_trim(0);
     size_t before = heapInUse();
     for (int i = 0; i < pending; ++i) {

@@ -4,6 +4,7 @@
 #include "server/SsoServerConfigOAuth.h"
 #include "tests/harness/FailureServer.h"
 #include "tests/harness/LogCapture.h"
+#include "tests/harness/ProviderRecord.h"
 #include "transport/SsoRequest.h"
 
 #include <gtest/gtest.h>
@@ -28,16 +29,14 @@ protected:
         idp.on("/token", 200,
                "{\"access_token\":\"at-1\",\"id_token\":\"id-1\",\"refresh_token\":\"rt-1\"}");
         idp.on("/me", 200, "{\"email\":\"alice@example.com\"}");
-        auto *config = new SsoServerConfigOAuth();
-        config->configId = 0;
-        config->provider = "keycloak";
-        config->clientId = "cid";
-        config->clientSecret = "secret";
-        config->tokenUri = idp.url("/token");
-        config->userinfoUri = idp.url("/me");
-        config->userType = "local";
-        config->refresh = true;
-        server.configs.push_back(config);
+        ASSERT_TRUE(server.configs.empty());
+        ProviderRecord("keycloak")
+            .client("cid", "secret")
+            .tokenAt(idp.url("/token"))
+            .userinfoAt(idp.url("/me"))
+            .localUsers()
+            .with([](SsoServerConfigOAuth &record) { record.refresh = true; })
+            .addTo(server);
         server.authzInfoBySession["sess"] = OAuthAuthzInfo{0, "verifier", "http://127.0.0.1/cb"};
         server.refreshInfoBySession["value"] =
             OAuthRefreshInfo{0, static_cast<int64_t>(std::time(nullptr)), "rt-0", "at-0"};
