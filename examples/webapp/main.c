@@ -52,82 +52,101 @@ static int number(char const *text, long low, long high, int *out) {
     return 1;
 }
 
-int main(int argc, char **argv) {
-    struct WebSettings settings = {
-        .address = "127.0.0.1",
-        .port = 8080,
-        .timeoutMs = 10000,
-        .sessionLifetime = 8 * 3600,
-        .loginsPerMinute = 30,
-        .maxConnections = 256,
-        .maxPerAddress = 32,
-    };
-    int maxPending = 512;
-    int pendingLifetime = 300;
-    char const *logPath = NULL;
-    char const *nodeService = NULL;
-    char const *nodeSecretFile = NULL;
+/* What the command line chose. */
+struct Options {
+    struct WebSettings settings;
+    int maxPending;
+    int pendingLifetime;
+    char const *logPath;
+    char const *nodeService;
+    char const *nodeSecretFile;
+};
+
+/* Reads the command line into `options`, over its defaults. 1 when every option was known and
+   had a good value. */
+static int parseOptions(int argc, char **argv, struct Options *options) {
+    struct WebSettings *settings = &options->settings;
     for (int i = 1; i < argc; ++i) {
         char const *value = i + 1 < argc ? argv[i + 1] : NULL;
         int ok = value != NULL;
         if (!ok) {
         } else if (strcmp(argv[i], "--address") == 0) {
-            settings.address = value;
+            settings->address = value;
         } else if (strcmp(argv[i], "--port") == 0) {
-            ok = number(value, 0, 65535, &settings.port);
+            ok = number(value, 0, 65535, &settings->port);
         } else if (strcmp(argv[i], "--timeout-ms") == 0) {
-            ok = number(value, 1, 3600000, &settings.timeoutMs);
+            ok = number(value, 1, 3600000, &settings->timeoutMs);
         } else if (strcmp(argv[i], "--log") == 0) {
-            logPath = value;
+            options->logPath = value;
         } else if (strcmp(argv[i], "--https") == 0) {
             ok = i + 2 < argc;
-            settings.certificateFile = value;
-            settings.keyFile = ok ? argv[++i + 1] : NULL;
+            settings->certificateFile = value;
+            settings->keyFile = ok ? argv[++i + 1] : NULL;
         } else if (strcmp(argv[i], "--public-origin") == 0) {
-            settings.publicOrigin = value;
+            settings->publicOrigin = value;
         } else if (strcmp(argv[i], "--trusted-proxy") == 0) {
-            settings.trustedProxy = value;
+            settings->trustedProxy = value;
         } else if (strcmp(argv[i], "--session-lifetime") == 0) {
-            ok = number(value, 1, 30L * 86400, &settings.sessionLifetime);
+            ok = number(value, 1, 30L * 86400, &settings->sessionLifetime);
         } else if (strcmp(argv[i], "--logins-per-minute") == 0) {
-            ok = number(value, 1, 100000, &settings.loginsPerMinute);
+            ok = number(value, 1, 100000, &settings->loginsPerMinute);
         } else if (strcmp(argv[i], "--max-pending") == 0) {
-            ok = number(value, 1, 1000000, &maxPending);
+            ok = number(value, 1, 1000000, &options->maxPending);
         } else if (strcmp(argv[i], "--pending-lifetime") == 0) {
-            ok = number(value, 1, 86400, &pendingLifetime);
+            ok = number(value, 1, 86400, &options->pendingLifetime);
         } else if (strcmp(argv[i], "--max-connections") == 0) {
-            ok = number(value, 1, 100000, &settings.maxConnections);
+            ok = number(value, 1, 100000, &settings->maxConnections);
         } else if (strcmp(argv[i], "--max-per-address") == 0) {
-            ok = number(value, 0, 100000, &settings.maxPerAddress);
+            ok = number(value, 0, 100000, &settings->maxPerAddress);
         } else if (strcmp(argv[i], "--node-service") == 0) {
-            nodeService = value;
+            options->nodeService = value;
         } else if (strcmp(argv[i], "--node-secret-file") == 0) {
-            nodeSecretFile = value;
+            options->nodeSecretFile = value;
         } else {
             ok = 0;
         }
         if (!ok) {
-            return usage(argv[0]);
+            return 0;
         }
         ++i;
     }
-    if ((nodeService == NULL) != (nodeSecretFile == NULL)) {
+    /* The node service needs its secret, and the secret is for nothing else. */
+    return (options->nodeService == NULL) == (options->nodeSecretFile == NULL);
+}
+
+int main(int argc, char **argv) {
+    struct Options options = {
+        .settings =
+            {
+                .address = "127.0.0.1",
+                .port = 8080,
+                .timeoutMs = 10000,
+                .sessionLifetime = 8 * 3600,
+                .loginsPerMinute = 30,
+                .maxConnections = 256,
+                .maxPerAddress = 32,
+            },
+        .maxPending = 512,
+        .pendingLifetime = 300,
+    };
+    if (!parseOptions(argc, argv, &options)) {
         return usage(argv[0]);
     }
-    if (nodeService && nodeConfigure(nodeService, nodeSecretFile) != 0) {
+    struct WebSettings *settings = &options.settings;
+    if (options.nodeService && nodeConfigure(options.nodeService, options.nodeSecretFile) != 0) {
         return 1;
     }
     /* Behind a balancer every connection comes from it: only the total bounds them then. */
-    if (settings.trustedProxy) {
-        settings.maxPerAddress = 0;
+    if (settings->trustedProxy) {
+        settings->maxPerAddress = 0;
     }
-    if (storeStart(maxPending, pendingLifetime) != 0) {
+    if (storeStart(options.maxPending, options.pendingLifetime) != 0) {
         fprintf(stderr, "qxss-webapp: out of memory\n");
         return 1;
     }
     sigset_t stop;
     char *loaded;
-    if (processStartLibrary(logPath, "qxss-webapp", &stop, &loaded) != 0) {
+    if (processStartLibrary(options.logPath, "qxss-webapp", &stop, &loaded) != 0) {
         storeStop();
         return 1;
     }
@@ -139,13 +158,13 @@ int main(int argc, char **argv) {
         goto stopLibrary;
     }
     free(loaded);
-    int port = webStart(&settings);
+    int port = webStart(settings);
     if (port < 0) {
         goto stopLibrary;
     }
-    printf("qxss-webapp: listening on %s://%s:%d/\n", settings.certificateFile ? "https" : "http",
-           settings.address, port);
-    if (settings.publicOrigin) {
+    printf("qxss-webapp: listening on %s://%s:%d/\n", settings->certificateFile ? "https" : "http",
+           settings->address, port);
+    if (settings->publicOrigin) {
         printf("qxss-webapp: browsers reach it at %s/\n", webOrigin());
     }
     fflush(stdout);

@@ -586,19 +586,19 @@ static int setPublicOrigin(char const *text) {
     return 0;
 }
 
-int webStart(struct WebSettings const *chosen) {
-    settings = *chosen;
-    struct sockaddr_in where = {0};
-    where.sin_family = AF_INET;
-    where.sin_port = htons((uint16_t)settings.port);
-    if (inet_pton(AF_INET, settings.address, &where.sin_addr) != 1) {
+/* The listening address into `where`, the public origin and the trusted proxy, each read and
+ * checked. 0 when all are good; else -1, with what is wrong on standard error. */
+static int readAddresses(struct sockaddr_in *where) {
+    where->sin_family = AF_INET;
+    where->sin_port = htons((uint16_t)settings.port);
+    if (inet_pton(AF_INET, settings.address, &where->sin_addr) != 1) {
         fprintf(stderr, "qxss-webapp: '%s' is no IPv4 address\n", settings.address);
         return -1;
     }
     if (settings.publicOrigin && setPublicOrigin(settings.publicOrigin) != 0) {
         return -1;
     }
-    if (settings.publicOrigin == NULL && where.sin_addr.s_addr == htonl(INADDR_ANY)) {
+    if (settings.publicOrigin == NULL && where->sin_addr.s_addr == htonl(INADDR_ANY)) {
         fprintf(stderr,
                 "qxss-webapp: on 0.0.0.0 the browsers' origin is unknown: give "
                 "--public-origin\n");
@@ -610,6 +610,38 @@ int webStart(struct WebSettings const *chosen) {
             fprintf(stderr, "qxss-webapp: '%s' is no IP address\n", settings.trustedProxy);
             return -1;
         }
+    }
+    return 0;
+}
+
+/* Each connection has a thread, which may wait for the library: so the connections are
+ * bounded, in all and per address (behind a balancer every connection comes from it, and
+ * only the total counts), and so is what one request may make the server hold. Fills
+ * `options` (room for 10) up to its MHD_OPTION_END. */
+static void daemonOptions(struct MHD_OptionItem *options, struct sockaddr_in *where) {
+    size_t used = 0;
+    options[used++] = (struct MHD_OptionItem){MHD_OPTION_SOCK_ADDR, 0, where};
+    options[used++] = (struct MHD_OptionItem){MHD_OPTION_CONNECTION_TIMEOUT, 30, NULL};
+    options[used++] =
+        (struct MHD_OptionItem){MHD_OPTION_CONNECTION_LIMIT, settings.maxConnections, NULL};
+    options[used++] = (struct MHD_OptionItem){MHD_OPTION_CONNECTION_MEMORY_LIMIT, 16 * 1024, NULL};
+    options[used++] = (struct MHD_OptionItem){MHD_OPTION_LISTEN_BACKLOG_SIZE, 64, NULL};
+    if (settings.maxPerAddress > 0) {
+        options[used++] = (struct MHD_OptionItem){MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+                                                  settings.maxPerAddress, NULL};
+    }
+    if (settings.certificateFile) {
+        options[used++] = (struct MHD_OptionItem){MHD_OPTION_HTTPS_MEM_CERT, 0, certificate};
+        options[used++] = (struct MHD_OptionItem){MHD_OPTION_HTTPS_MEM_KEY, 0, key};
+    }
+    options[used] = (struct MHD_OptionItem){MHD_OPTION_END, 0, NULL};
+}
+
+int webStart(struct WebSettings const *chosen) {
+    settings = *chosen;
+    struct sockaddr_in where = {0};
+    if (readAddresses(&where) != 0) {
+        return -1;
     }
     unsigned flags =
         MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ERROR_LOG;
@@ -632,26 +664,8 @@ int webStart(struct WebSettings const *chosen) {
     sessionCookie = secure ? "__Host-qxss_session" : "qxss_session";
     limitStart(settings.loginsPerMinute);
 
-    /* Each connection has a thread, which may wait for the library: so the connections are
-     * bounded, in all and per address (behind a balancer every connection comes from it, and
-     * only the total counts), and so is what one request may make the server hold. */
     struct MHD_OptionItem options[10];
-    size_t used = 0;
-    options[used++] = (struct MHD_OptionItem){MHD_OPTION_SOCK_ADDR, 0, &where};
-    options[used++] = (struct MHD_OptionItem){MHD_OPTION_CONNECTION_TIMEOUT, 30, NULL};
-    options[used++] =
-        (struct MHD_OptionItem){MHD_OPTION_CONNECTION_LIMIT, settings.maxConnections, NULL};
-    options[used++] = (struct MHD_OptionItem){MHD_OPTION_CONNECTION_MEMORY_LIMIT, 16 * 1024, NULL};
-    options[used++] = (struct MHD_OptionItem){MHD_OPTION_LISTEN_BACKLOG_SIZE, 64, NULL};
-    if (settings.maxPerAddress > 0) {
-        options[used++] = (struct MHD_OptionItem){MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-                                                  settings.maxPerAddress, NULL};
-    }
-    if (settings.certificateFile) {
-        options[used++] = (struct MHD_OptionItem){MHD_OPTION_HTTPS_MEM_CERT, 0, certificate};
-        options[used++] = (struct MHD_OptionItem){MHD_OPTION_HTTPS_MEM_KEY, 0, key};
-    }
-    options[used] = (struct MHD_OptionItem){MHD_OPTION_END, 0, NULL};
+    daemonOptions(options, &where);
     server = MHD_start_daemon(flags, (uint16_t)settings.port, NULL, NULL, serve, NULL,
                               MHD_OPTION_ARRAY, options, MHD_OPTION_END);
     if (server == NULL) {
