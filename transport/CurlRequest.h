@@ -93,7 +93,9 @@ public:
     // returns early when a transfer's socket is ready or libcurl's timer is due, and does not
     // sleep at all while a queued transfer waits to start. At most `ms` milliseconds.
     int waitForEvents(int first, int second, int ms);
-    // Moves the oldest finished flow into `result`; false when there is none.
+    // Moves the oldest finished flow into `result`; false when there is none. One at a time,
+    // each a shift of the vector: for callers that expect a few (tests, tools). The worker's
+    // drain reads `completedFlows` in one pass instead.
     bool getCompletedFlow(AsyncFlowResult &result);
     // Whether a flow of `sessionId` is running. Changes nothing.
     bool hasActiveFlow(std::string const &sessionId) const;
