@@ -31,6 +31,7 @@ bool CurlRequest::queueRefreshRequest(AsyncFlowContext &context) {
         return false;
     }
     // The refresh grant authenticates by the Basic header; the code grant by form fields.
+    std::string authorization = config->basicAuthorization();
     std::string body = buildFormBody({
         {OAuthKeys::grantType, OAuthKeys::grantRefreshToken},
         {OAuthKeys::refreshToken, context.storedRefreshToken},
@@ -38,7 +39,7 @@ bool CurlRequest::queueRefreshRequest(AsyncFlowContext &context) {
     });
     Log() << "CurlRequest: POST data prepared length: " << body.size() << ".\n";
     queueTransfer(context, static_cast<int32_t>(context.configId), HttpPost, config->tokenUri,
-                  {OAuthKeys::formContentType, config->basicAuthorization()}, body, config->proxy);
+                  {OAuthKeys::formContentType, authorization}, body, config->proxy);
     return true;
 }
 
