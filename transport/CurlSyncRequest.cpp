@@ -21,7 +21,7 @@ void setLenientOptions(CURL *easy, char *errorBuffer) {
     curl_easy_setopt(easy, CURLOPT_DEFAULT_PROTOCOL, "https");
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    TlsOptions::set(easy, nullptr);
+    TlsOptions::setLenient(easy);
     curl_easy_setopt(easy, CURLOPT_TIMEOUT, kSyncTimeoutSeconds);
     // No signals: libcurl would otherwise swap the process's SIGPIPE handler or raise SIGALRM.
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);

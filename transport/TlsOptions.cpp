@@ -18,3 +18,9 @@ TlsOptions::Step TlsOptions::set(CURL *handle, Trust trust) {
     }
     return Done;
 }
+
+void TlsOptions::setLenient(CURL *handle) {
+    curl_easy_setopt(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, kVerifyHostStrict);
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+}
