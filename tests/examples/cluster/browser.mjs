@@ -183,8 +183,10 @@ async function main() {
   });
   const serverErrors = [];
   try {
+    // The statistics page refreshes itself every 2 s; a reload of ours racing with that
+    // navigation leaves puppeteer without the page. ";norefresh" is HAProxy's own way to stop it.
     const statsPage = await browser.newPage();
-    await statsPage.goto(statsUrl);
+    await statsPage.goto(`${statsUrl};norefresh`);
     await screenshot(statsPage, 'haproxy-all-up');
     check(Object.values(await statistics(statsUrl)).join() === 'UP,UP,UP', 'HAProxy sees three instances up');
 
