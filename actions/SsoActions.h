@@ -15,10 +15,11 @@ public:
     // 0 on success, -1 on failure.
     static int initialize();
     // Loads the configuration file, prepares transfer handles, discovers provider metadata.
-    // 0 on success (also on a node), -1 when the file could not be loaded, kMetadataFailed
-    // when metadata could not be loaded.
+    // kConfigsLoaded on success (also on a node), kConfigsFailed when the file could not be
+    // loaded, kMetadataFailed when it loaded but a provider's metadata did not.
     static int loadConfigs();
-    // loadConfigs' result when the file loaded but a provider's metadata did not.
+    static constexpr int kConfigsLoaded = 0;
+    static constexpr int kConfigsFailed = -1;
     static constexpr int kMetadataFailed = -2;
     // Transfer handles made for each provider record when the file is loaded.
     static constexpr int kHandlersPerProvider = 5;

@@ -62,12 +62,12 @@ int SsoActions::loadConfigs() {
     Log() << "SsoActions: Start loading configuration.\n";
     if (isNode()) {
         Log() << "SsoActions: WARNING! Machine type is node. Skip loading configs.\n";
-        return 0;
+        return kConfigsLoaded;
     }
     SsoServer &server = SsoServer::getServer();
     if (!server.loadConfigsJson()) {
         Log() << "SsoActions: ERROR! Loading configuration file failed.\n";
-        return -1;
+        return kConfigsFailed;
     }
     // Handlers come before the metadata requests, so the pool exists for every provider that
     // the file names, whatever discovery then makes of it.
@@ -85,7 +85,7 @@ int SsoActions::loadConfigs() {
         return kMetadataFailed;
     }
     Log() << "SsoActions: Finish loading configuration.\n";
-    return 0;
+    return kConfigsLoaded;
 }
 
 char *SsoActions::getUserLoginOptions() {

@@ -21,10 +21,6 @@ bool SsoCommands::flowStarted = false;
 
 namespace {
 
-// What SsoActions::loadConfigs returns.
-constexpr int kConfigsLoaded = 0;
-constexpr int kConfigsFailed = -1;
-
 // A name that is no command is still held to the shape of most commands (a name and two
 // non-empty arguments) before it is called incorrect; a shorter line passes in silence.
 constexpr size_t kElementsOfUnknownNames = 3;
@@ -74,15 +70,16 @@ char *compose(SsoCommand const &row, char *result, std::string const &session) {
     return text ? replyLine(row.okWord, text.get()) : failureLine(row, session);
 }
 
+// The session element of a line that passed its row's checks.
 std::string const &sessionIn(SsoCommand const &row, std::vector<std::string> const &command) {
     return command[row.sessionElement];
 }
 
 char *loadConfigs(SsoCommand const &row, std::vector<std::string> const &) {
     switch (SsoActions::loadConfigs()) {
-        case kConfigsLoaded:
+        case SsoActions::kConfigsLoaded:
             return replyLine(row.okWord, nullptr);
-        case kConfigsFailed:
+        case SsoActions::kConfigsFailed:
             return replyLine(row.failureWord, nullptr);
         case SsoActions::kMetadataFailed:
             return replyLine(SsoWords::loadMetadataFailure, nullptr);
@@ -307,7 +304,7 @@ char *SsoCommands::failureReply(std::vector<std::string> const &command) {
         (row->readsOptionId && readOptionId(command[1]) < 0)) {
         return nullptr;
     }
-    return failureLine(*row, sessionOf(command));
+    return failureLine(*row, sessionIn(*row, command));
 }
 
 std::string SsoCommands::sessionOf(std::vector<std::string> const &command) {
@@ -315,7 +312,7 @@ std::string SsoCommands::sessionOf(std::vector<std::string> const &command) {
     if (row == nullptr || row->sessionElement == 0 || command.size() <= row->sessionElement) {
         return std::string();
     }
-    return command[row->sessionElement];
+    return sessionIn(*row, command);
 }
 
 namespace {
