@@ -187,7 +187,7 @@ int main(int argc, char **argv) {
     SsoSetLogCallback(discard, nullptr);
     SsoServer::getServer();
     CurlRequest network;
-    bool done = network.init(3);
+    bool done = network.init(CURL_GLOBAL_ALL);
     // One flow first, so that libcurl's one-time allocations are not counted per flow.
     done = done && runRound(network, "warm-up", 1, url);
     network.cleanupDynamicHandlers();

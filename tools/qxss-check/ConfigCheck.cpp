@@ -348,7 +348,7 @@ void check(std::string const &given, bool offline, LogCollector &log, CheckRepor
     }
     CurlRequest &network = CurlRequest::getNetwork();
     size_t mark = log.mark();
-    if (!network.init(3)) {
+    if (!network.init(CURL_GLOBAL_ALL)) {
         addProblems(report.problems, log.since(mark));
         report.verdict = "The transport could not start, so discovery could not be tried.";
         return;

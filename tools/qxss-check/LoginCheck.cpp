@@ -286,8 +286,8 @@ bool loadConfiguration(std::string const &directory, LogCollector &log, LoginRep
     server.configPath = directory;
     size_t mark = log.mark();
     server.setMachineType();
-    CurlRequest::getNetwork().init(3);
-    SsoRequest::getNetwork().init(3);
+    CurlRequest::getNetwork().init(CURL_GLOBAL_ALL);
+    SsoRequest::getNetwork().init(CURL_GLOBAL_ALL);
     size_t calls = ProviderCalls::all().size();
     int loaded = SsoActions::loadConfigs();
     std::vector<ProviderCall> discovery = ProviderCalls::since(calls);
@@ -296,12 +296,13 @@ bool loadConfiguration(std::string const &directory, LogCollector &log, LoginRep
         report.line("Discovery (SSO_LOAD_CONFIGS):");
         printCalls(report, discovery, nullptr);
     }
-    if (loaded != 0) {
+    if (loaded != SsoActions::kConfigsLoaded) {
         report.blank();
         printProblems(report, log.since(mark));
-        report.fail(loaded == -2 ? "discovery failed (SSO_LOAD_METADATA_FAILURE)"
-                                 : "the library would not load this file "
-                                   "(SSO_LOAD_CONFIGS_FAILURE)");
+        report.fail(loaded == SsoActions::kMetadataFailed
+                        ? "discovery failed (SSO_LOAD_METADATA_FAILURE)"
+                        : "the library would not load this file "
+                          "(SSO_LOAD_CONFIGS_FAILURE)");
         return false;
     }
     return true;
